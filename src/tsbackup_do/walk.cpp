@@ -1,0 +1,446 @@
+#include "walk.h"
+
+#include "copy_file.h"
+#include "listing.h"
+#include "metadata.h"
+#include "tsbackup/codes.h"
+#include "tsbackup/log.h"
+#include "tsbackup/paths.h"
+#include "tsbackup_do.h"
+#include "tsbackup_utils.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <new>
+#include <optional>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace tsbackup {
+
+namespace {
+
+constexpr std::int32_t kDefaultResolution = 100'000;
+constexpr std::int32_t kFullSecondResolution = 1'000'000'000;
+
+} // namespace
+
+std::int32_t timestamp_resolution_ns = kDefaultResolution;
+std::int32_t coarse_dst_times = 0;
+
+namespace {
+
+constexpr long kNtfsMagic = 0x5346544E;
+constexpr long kSmbMagic = 0xFE534D42;
+constexpr long kSmbMagicMask = 0xFEFFFFFF;
+
+/// So many files ahead of the one being copied are looked at, opened and announced to the kernel, which reads them
+/// from a cold disk side by side.
+constexpr std::size_t kLookAhead = 16;
+/// Of a file that long only the beginning is announced; the kernel reads on by itself.
+constexpr off_t kAnnounced = 1024 * 1024;
+/// Folders nested deeper than this are reached by their whole path, so that no tree uses up the descriptors.
+constexpr int kHeldLevels = 200;
+
+// ---- paths -----------------------------------------------------------------------------------------------------
+
+/// The path of the entry at hand, as long as the program's path buffers; what does not fit is cut.
+class PathBuffer {
+  public:
+    explicit PathBuffer(const char *root) : length_(std::min(std::strlen(root), kLimit)) {
+        std::memcpy(text_.data(), root, length_);
+        text_[length_] = '\0';
+    }
+    const char *text() const { return text_.data(); }
+    std::size_t length() const { return length_; }
+    /// Appends "/" and a name. False when the path had to be cut.
+    bool enter(const char *name) {
+        const std::size_t name_length = std::strlen(name);
+        const bool fits = length_ + 1 + name_length <= kLimit;
+        if (length_ < kLimit) text_[length_++] = '/';
+        const std::size_t room = std::min(name_length, kLimit - length_);
+        std::memcpy(&text_[length_], name, room);
+        length_ += room;
+        text_[length_] = '\0';
+        return fits;
+    }
+    void leave_to(std::size_t length) {
+        length_ = length;
+        text_[length_] = '\0';
+    }
+
+  private:
+    static constexpr std::size_t kLimit = paths::buffer_size - 1;
+    std::array<char, paths::buffer_size> text_;
+    std::size_t length_;
+};
+
+/// A file that the walk has looked at before its turn.
+struct UpcomingFile {
+    bool to_be_copied = false;
+    std::optional<struct stat> status; ///< no value: it could not be examined
+    UniqueFd fd;                       ///< -1: it is opened when its turn comes
+};
+
+/// What lasts as long as the walk through one tree.
+struct Walk {
+    BackupRun &run;
+    PathBuffer src;
+    PathBuffer dst;
+    CopyBuffer buffer;
+    std::array<UpcomingFile, kLookAhead> upcoming;
+    dev_t dst_root_device = 0; ///< with the inode: the destination's root, 0 while unknown
+    ino_t dst_root_inode = 0;
+};
+
+/// One folder of the tree and its counterpart.
+struct Folder {
+    Walk &walk;
+    UniqueFd src_fd; ///< -1: entries are reached by their whole path
+    UniqueFd dst_fd;
+    dev_t src_device = 0;
+    FolderFacts facts;
+    Listing listing;
+};
+
+/// The places of an entry on both sides, for as long as the object lives.
+class EntryPlaces {
+  public:
+    EntryPlaces(Folder &folder, const char *name)
+        : walk_(folder.walk), src_length_(walk_.src.length()), dst_length_(walk_.dst.length()) {
+        const bool src_fits = walk_.src.enter(name);
+        const bool dst_fits = walk_.dst.enter(name);
+        src = place(folder.src_fd.get(), src_fits, name, walk_.src.text());
+        dst = place(folder.dst_fd.get(), dst_fits, name, walk_.dst.text());
+    }
+    ~EntryPlaces() {
+        walk_.src.leave_to(src_length_);
+        walk_.dst.leave_to(dst_length_);
+    }
+    EntryPlaces(const EntryPlaces &) = delete;
+    EntryPlaces &operator=(const EntryPlaces &) = delete;
+
+    Place src;
+    Place dst;
+
+  private:
+    static Place place(int folder, bool fits, const char *name, const char *path) {
+        return folder >= 0 && fits ? Place{folder, name, path} : Place::of_path(path);
+    }
+
+    Walk &walk_;
+    std::size_t src_length_;
+    std::size_t dst_length_;
+};
+
+// ---- the destination folder ------------------------------------------------------------------------------------
+
+/// Creates the destination folder with its source's metadata. Before any content on purpose: its times end up as
+/// the copying of its content leaves them. 0 or an errno value.
+int create_destination(Walk &walk, const Place &src, const Place &dst) {
+    BackupRun &run = walk.run;
+    const char *relative = below_root(dst.path, run.dst_root_len);
+    if (mkdirat(dst.folder, dst.name, 0777) != 0) {
+        const int error = errno;
+        error_log_line(run, "Cannot create directory %s!\n", relative);
+        TSBACKUP_ERROR_SET(error_code::copy_failed, &run, "cannot create directory %s!", relative);
+        TSBACKUP_LOG(level::error, "Cannot mkdir(%s) ==> %d.\n", dst.path, error);
+        return error;
+    }
+    struct stat source {};
+    if (fstatat(src.folder, src.name, &source, 0) == 0) {
+        MetaTarget target;
+        target.place = dst;
+        apply_metadata(source, src.path, -1, target, run);
+    }
+    copy_log_line(run, "Copy Folder  %s\n", relative);
+    return 0;
+}
+
+/// Takes the resolution of time stamps from the destination's file system. 0 or an errno value.
+int choose_time_resolution(Folder &folder, const Place &dst) {
+    struct statfs statistics {};
+    const int result = folder.dst_fd ? fstatfs(folder.dst_fd.get(), &statistics) : statfs(dst.path, &statistics);
+    if (result != 0) {
+        const int error = errno;
+        BackupRun &run = folder.walk.run;
+        TSBACKUP_LOG(level::error, "statfs(%s) fail. errno=%d\n", dst.path, error);
+        error_log_line(run, "Cannot get filesystem statistics of file '%s' (error: %s)!\n",
+                       below_root(dst.path, run.dst_root_len), error_text(error).c_str());
+        return error;
+    }
+
+    const long type = statistics.f_type;
+    folder.facts.dst_type = type;
+    if (type == MSDOS_SUPER_MAGIC || type == kNtfsMagic) {
+        if (timestamp_resolution_ns != kFullSecondResolution) {
+            TSBACKUP_LOG(level::debug, "Doing full-second timestamp resolution for destination FS type.\n");
+            timestamp_resolution_ns = kFullSecondResolution;
+        }
+        return 0;
+    }
+    if ((type & kSmbMagicMask) == (kSmbMagic & kSmbMagicMask) && coarse_dst_times == 0) {
+        TSBACKUP_LOG(level::debug, "Backing up to remote destination.\n");
+        coarse_dst_times = 1;
+    }
+    if (timestamp_resolution_ns != kDefaultResolution) {
+        TSBACKUP_LOG(level::debug, "Doing default timestamp resolution for destination FS type.\n");
+        timestamp_resolution_ns = kDefaultResolution;
+    }
+    return 0;
+}
+
+/// Notes what the files of the folder would otherwise ask one by one.
+void gather_facts(Folder &folder, const Place &dst) {
+    struct stat status {};
+    struct statfs statistics {};
+    if (folder.src_fd && fstat(folder.src_fd.get(), &status) == 0) {
+        folder.src_device = status.st_dev;
+        if (fstatfs(folder.src_fd.get(), &statistics) == 0) {
+            folder.facts.src_device = status.st_dev;
+            folder.facts.src_type = statistics.f_type;
+        }
+    }
+    if (!folder.dst_fd || fstat(folder.dst_fd.get(), &status) != 0) {
+        folder.facts.dst_type = 0;
+        return;
+    }
+    folder.facts.dst_device = status.st_dev;
+    Walk &walk = folder.walk;
+    if (walk.dst_root_inode == 0) {
+        walk.dst_root_device = status.st_dev;
+        walk.dst_root_inode = status.st_ino;
+    }
+    if (folder.facts.dst_is_fresh)
+        folder.facts.dst_hands_down_lists = getxattr(dst.path, "system.posix_acl_default", nullptr, 0) > 0;
+}
+
+// ---- entries ---------------------------------------------------------------------------------------------------
+
+/// Names that belong to the appliance and are never copied, at any depth.
+bool is_reserved_name(const char *name) {
+    return std::strcmp(name, ".snapshot") == 0 || std::strncmp(name, "._snap-", 7) == 0 ||
+           std::strcmp(name, ".apps") == 0 || std::strcmp(name, ".vault") == 0;
+}
+
+bool is_up_to_date(const struct stat &source, const Place &dst) {
+    struct stat status {};
+    return fstatat(dst.folder, dst.name, &status, 0) == 0 && status.st_size == source.st_size &&
+           mtime_compare(source, status, timestamp_resolution_ns, coarse_dst_times) == 0;
+}
+
+/// Opens a file that is going to be copied and announces that it will be read.
+UniqueFd open_and_announce(const Place &src, const struct stat &status) {
+    if (!S_ISREG(status.st_mode) || status.st_size == 0) return UniqueFd();
+    UniqueFd fd(openat(src.folder, src.name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    if (fd) static_cast<void>(posix_fadvise(fd.get(), 0, std::min(status.st_size, kAnnounced), POSIX_FADV_WILLNEED));
+    return fd;
+}
+
+/// Decides whether a file is to be copied.
+void look_at_file(Folder &folder, const char *name, UpcomingFile &file) {
+    file = UpcomingFile{};
+    const EntryPlaces places(folder, name);
+    const bool full = folder.walk.run.full != 0;
+
+    struct stat status {};
+    if (fstatat(places.src.folder, places.src.name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        file.to_be_copied = full;
+        return;
+    }
+    file.status = status;
+    file.to_be_copied = full || folder.facts.dst_is_fresh || !is_up_to_date(status, places.dst);
+    if (file.to_be_copied) file.fd = open_and_announce(places.src, status);
+}
+
+/// The type of an entry, asked of the entry itself where the folder does not tell. 0: no longer there.
+mode_t entry_mode(Folder &folder, std::size_t index) {
+    switch (folder.listing.type(index)) {
+    case DT_REG:
+        return S_IFREG;
+    case DT_DIR:
+        return S_IFDIR;
+    default:
+        break;
+    }
+    const EntryPlaces places(folder, folder.listing.name(index));
+    struct stat status {};
+    return fstatat(places.src.folder, places.src.name, &status, AT_SYMLINK_NOFOLLOW) == 0 ? status.st_mode : 0;
+}
+
+/// Looks at files from `from` on, at most kLookAhead of them beyond `current`, and not past a folder: whoever
+/// descends holds no opened files. Returns the index behind the last one looked at.
+std::size_t look_ahead(Folder &folder, std::size_t current, std::size_t from) {
+    std::size_t index = std::max(current, from);
+    for (; index < folder.listing.size() && index < current + kLookAhead; ++index) {
+        const char *name = folder.listing.name(index);
+        if (is_reserved_name(name)) continue;
+        if (!S_ISREG(entry_mode(folder, index))) break;
+        look_at_file(folder, name, folder.walk.upcoming[index % kLookAhead]);
+    }
+    return index;
+}
+
+int copy_folder(Walk &walk, const Place &src, const Place &dst, int depth);
+
+int copy_upcoming_file(Folder &folder, const char *name, UpcomingFile &file) {
+    const EntryPlaces places(folder, name);
+    CopyTask task;
+    task.src = places.src;
+    task.dst = places.dst;
+    // What vanished between the look and now is looked at again, and reported.
+    if (file.fd || (file.status && (file.status->st_size == 0 || !S_ISREG(file.status->st_mode))))
+        task.src_status = file.status;
+    task.src_fd = std::move(file.fd);
+    return copy_file(task, folder.facts, folder.walk.buffer, folder.walk.run);
+}
+
+bool is_tmpfs(const char *path) {
+    struct statfs statistics {};
+    return statfs(path, &statistics) == 0 && statistics.f_type == TMPFS_MAGIC;
+}
+
+/// Copies a subfolder. No value when it is left out.
+std::optional<int> copy_subfolder(Folder &folder, const char *name, int depth) {
+    const EntryPlaces places(folder, name);
+    Walk &walk = folder.walk;
+    struct stat status {};
+    if (fstatat(places.src.folder, places.src.name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+        if (status.st_dev != folder.src_device && is_tmpfs(places.src.path)) {
+            TSBACKUP_LOG(level::debug, "Skipping tmpfs mount point %s\n", places.src.path);
+            return std::nullopt;
+        }
+        // A destination inside its own source would grow into itself until the disk is full.
+        if (status.st_dev == walk.dst_root_device && status.st_ino == walk.dst_root_inode) {
+            TSBACKUP_LOG(level::debug, "Skipping destination folder %s\n", places.src.path);
+            return std::nullopt;
+        }
+    }
+    return copy_folder(walk, places.src, places.dst, depth + 1);
+}
+
+/// Copies one entry that stands at its turn. No value when it is left out.
+std::optional<int> copy_entry(Folder &folder, std::size_t index, int depth) {
+    const char *name = folder.listing.name(index);
+    const mode_t mode = entry_mode(folder, index);
+    if (S_ISDIR(mode)) return copy_subfolder(folder, name, depth);
+    if (!S_ISREG(mode)) {
+        const EntryPlaces places(folder, name);
+        TSBACKUP_LOG(level::debug, "skip file:%s, type %d\n", places.src.path, static_cast<int>(mode));
+        return std::nullopt;
+    }
+    UpcomingFile &file = folder.walk.upcoming[index % kLookAhead];
+    if (!file.to_be_copied) return std::nullopt;
+    return copy_upcoming_file(folder, name, file);
+}
+
+// Kept as it is: the last entry's result is the folder's, so that an early failure which successes follow is none.
+// Callers learn of it from the error record.
+int copy_entries(Folder &folder, int depth) {
+    int result = 0;
+    std::size_t looked_at = 0;
+    for (std::size_t index = 0; index < folder.listing.size(); ++index) {
+        if (is_reserved_name(folder.listing.name(index))) continue;
+        looked_at = look_ahead(folder, index, looked_at);
+        const std::optional<int> entry_result = copy_entry(folder, index, depth);
+        if (!entry_result) continue;
+        result = *entry_result;
+        if (result == ENOSPC || result == EROFS) {
+            TSBACKUP_LOG(level::error, "Bailing backing up directory %s (%s)\n", folder.walk.src.text(),
+                         error_text(result).c_str());
+            folder.walk.upcoming = {};
+            break;
+        }
+    }
+    return result;
+}
+
+// ---- folders ---------------------------------------------------------------------------------------------------
+
+/// Whether the folder is one that holds snapshots of what is being copied.
+bool holds_snapshots(const BackupRun &run, const char *path) {
+    if (run.snapshot_skip_path && *run.snapshot_skip_path == path) {
+        TSBACKUP_LOG(level::debug, "This is a snapshot, don't back up.\n");
+        return true;
+    }
+    return std::strstr(path, "/snapshot") != nullptr && is_share_snapshot_dir(path);
+}
+
+int copy_folder(Walk &walk, const Place &src, const Place &dst, int depth) {
+    TSBACKUP_LOG(level::debug, "do_copy_dir(\"%s\", \"%s\")\n", src.path, dst.path);
+    if (holds_snapshots(walk.run, src.path)) return 0;
+
+    Folder folder{walk, UniqueFd(), UniqueFd(), 0, {}, {}};
+    struct stat dst_status {};
+    if (fstatat(dst.folder, dst.name, &dst_status, 0) != 0) {
+        if (const int error = create_destination(walk, src, dst)) return error;
+        folder.facts.dst_is_fresh = true;
+    }
+
+    const int follow = depth == 0 ? 0 : O_NOFOLLOW;
+    folder.src_fd.reset(openat(src.folder, src.name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | follow));
+    if (const int error = folder.src_fd ? folder.listing.read(folder.src_fd.get()) : errno) {
+        TSBACKUP_LOG(level::warning, "Failed to scan dir '%s' (%s)\n", src.path, error_text(error).c_str());
+        return error;
+    }
+
+    folder.dst_fd.reset(openat(dst.folder, dst.name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (const int error = choose_time_resolution(folder, dst)) return error;
+    gather_facts(folder, dst);
+    if (depth > kHeldLevels) {
+        folder.src_fd.reset();
+        folder.dst_fd.reset();
+    }
+    return copy_entries(folder, depth);
+}
+
+} // namespace
+
+int do_copy_dir(const char *src, const char *dst, BackupRun &run) {
+    const std::unique_ptr<Walk> walk(new (std::nothrow) Walk{run, PathBuffer(src), PathBuffer(dst), {}, {}});
+    if (!walk) return ENOMEM;
+    return copy_folder(*walk, Place::of_path(walk->src.text()), Place::of_path(walk->dst.text()), 0);
+}
+
+void backup_do_cp([[maybe_unused]] const BackupJob &job, BackupRun &run, const char *src, const char *dst) {
+    TSBACKUP_LOG(level::debug, "backup_do_cp(\"%s\", \"%s\")\n", src, dst);
+    if (run.snapshot_skip_path && *run.snapshot_skip_path == src) {
+        TSBACKUP_LOG(level::debug, "This is a snapshot, don't back up.\n");
+        return;
+    }
+    run.src_root_len = static_cast<std::int32_t>(std::strlen(src));
+    run.dst_root_len = static_cast<std::int32_t>(std::strlen(dst));
+    if (run.src_is_dir == 0) {
+        do_copy_file(src, dst, run);
+        return;
+    }
+    struct statfs statistics {};
+    if (statfs(dst, &statistics) == 0) std::memcpy(&run.fsid, &statistics.f_fsid, sizeof run.fsid);
+    do_copy_dir(src, dst, run);
+}
+
+bool is_share_snapshot_dir(const char *path) {
+    std::string pieces(path, strnlen(path, paths::buffer_size - 1));
+    char *rest = nullptr;
+    const char *volume = strtok_r(pieces.data(), "/", &rest);
+    const char *share = strtok_r(nullptr, "/", &rest);
+    const char *third = strtok_r(nullptr, "/", &rest);
+    if (volume == nullptr || share == nullptr || third == nullptr || std::strcmp(third, "snapshot") != 0) return false;
+
+    const auto configuration = str_printf("/%s/._share/%s/snapdir.conf", volume, share);
+    if (!configuration) return false;
+    const auto line = read_first_line(configuration->c_str(), paths::buffer_size);
+    const std::size_t slash = line ? line->find('/') : std::string::npos;
+    if (slash == std::string::npos || line->compare(slash, std::string::npos, path) != 0) return false;
+    TSBACKUP_LOG(level::debug, "This is a snapshot, don't back up when src is volume.\n");
+    return true;
+}
+
+} // namespace tsbackup
