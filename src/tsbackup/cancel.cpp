@@ -1,0 +1,136 @@
+#include "tsbackup.h"
+#include "tsbackup/log.h"
+#include "tsbackup/owners.h"
+#include "tsbackup/paths.h"
+#include "tsbackup_utils.h"
+#include "zelkova.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <string>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace tsbackup {
+
+namespace {
+
+/// exists() accepts a file of any type with this mode.
+constexpr int kAnyType = 100;
+
+/// Whether the process group of a job's holder may be signalled. Group 1 would mean every process of the machine, and
+/// a file that names this process is left over from a run that had the same number.
+bool is_foreign_group(pid_t holder) { return holder > 1 && holder != getpgrp(); }
+
+/// Whether signalling a process fails for another reason than that it is gone.
+bool is_out_of_reach(pid_t pid) { return kill(pid, 0) != 0 && errno != ESRCH; }
+
+void stop_group(pid_t holder) {
+    TSBACKUP_LOG(level::notice, "killpg(%d,SIGHUP)\n", holder);
+    sync();
+    killpg(holder, SIGHUP);
+    sleep(1);
+
+    // Kept with this sense: a job that outlives the hang-up is not signalled again, and the administration interface
+    // shows it as cancelled all the same.
+    if (is_out_of_reach(holder)) {
+        killpg(holder, SIGKILL);
+        sleep(1);
+        if (is_out_of_reach(holder)) TSBACKUP_LOG(level::error, "Cannot kill pid=%d errno=%d\n", holder, errno);
+    }
+    TSBACKUP_LOG(level::notice, "Backup job killed pid=%d\n", holder);
+}
+
+/// The record of the run that was stopped, as far as its last status line tells.
+BackupRun cancelled_run(std::int32_t job_id, std::int32_t start_time, const std::optional<std::string> &last_status) {
+    BackupRun run;
+    run.job_id = job_id;
+    run.start_time = start_time;
+    run.full = -1;
+    if (last_status) {
+        const std::size_t comma = last_status->find(',');
+        if (comma != std::string::npos) run.full = decimal_value(last_status->c_str() + comma + 1);
+    }
+    TSBACKUP_ERROR_SET(error_code::cancelled, &run, "Cancelled");
+    return run;
+}
+
+void settle_file_systems() {
+    sync();
+    sleep(1);
+    sync();
+}
+
+void release_mount_point(std::int32_t job_id) {
+    const std::string mount_point = paths::mount_point(job_id);
+    if (exists(mount_point.c_str(), kAnyType) == 0) return;
+    if (umount(mount_point.c_str()) != 0) umount2(mount_point.c_str(), MNT_FORCE);
+    rmdir(mount_point.c_str());
+}
+
+void cancel_running(std::int32_t job_id, pid_t holder, std::int32_t now) {
+    const std::optional<std::string> last_status = backup_status_read(job_id);
+    backup_status_write(job_id, BackupStatusCode::cancelling, static_cast<std::uint32_t>(now), 0);
+    queue_request_send("dequeue:%d\n", job_id);
+    const std::unique_ptr<BackupJob> job = backup_job_load(job_id);
+
+    stop_group(holder);
+    const BackupRun run = cancelled_run(job_id, now, last_status);
+    settle_file_systems();
+    // A job that was deleted while it ran has neither a history nor a name to report.
+    if (job) backup_log_finish(*job, run);
+    release_mount_point(job_id);
+    staging_clean_up(holder);
+    backup_snapshot_cleanup(static_cast<std::uint32_t>(holder));
+    if (job)
+        event_job_result(job_id, text_or_empty(job->name), error_code::cancelled,
+                         decimal_value(job->opt_email_this_to_alert_email), 0);
+}
+
+} // namespace
+
+void job_cancel(std::int32_t job_id) {
+    const auto now = static_cast<std::int32_t>(std::time(nullptr));
+    TSBACKUP_LOG(level::notice, "perform kill job_id=%d\n", job_id);
+    // Job 0 is refused although the usage text offers it: kept, the button's jobs are cancelled one by one.
+    if (job_id <= 0) {
+        TSBACKUP_LOG(level::error, "Invalid job_id=%d\n", job_id);
+        return;
+    }
+
+    const pid_t holder = pid_file_read(job_id);
+    if (is_foreign_group(holder)) {
+        cancel_running(job_id, holder, now);
+    } else {
+        TSBACKUP_LOG(level::debug, "Nothing to kill for job_id=%d\n", job_id);
+        queue_request_send("dequeue:%d\n", job_id);
+    }
+    backup_status_write(job_id, BackupStatusCode::cancelled, static_cast<std::uint32_t>(now), 0);
+}
+
+void staging_clean_up(pid_t pid) {
+    const std::string folder = "/tmp/" + std::to_string(pid);
+    UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status {};
+    // "/tmp" is everybody's: a folder that another user made under this number is none of ours.
+    if (!fd || fstat(fd.get(), &status) != 0 || status.st_uid != geteuid()) return;
+
+    const UniqueDir listing(fdopendir(fd.get()));
+    if (!listing) return;
+    fd.release();
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the listing is this function's own
+    while (const dirent *entry = readdir(listing.get())) {
+        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
+        const std::string staging = folder + "/" + entry->d_name;
+        // Detached when a straggler still uses it: the folder below must become visible, not the user's source.
+        if (umount2(staging.c_str(), UMOUNT_NOFOLLOW) != 0) umount2(staging.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW);
+        rmdir(staging.c_str());
+    }
+    rmdir(folder.c_str());
+}
+
+} // namespace tsbackup
