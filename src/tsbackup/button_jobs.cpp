@@ -18,12 +18,13 @@ void collect(const xmlNode *list, std::vector<std::int32_t> &jobs) {
 
 } // namespace
 
-std::vector<std::int32_t> button_jobs_load() {
+std::vector<std::int32_t> button_jobs_find(const xmlDoc *document) {
     std::vector<std::int32_t> jobs;
-    const UniqueXmlDoc document = job_file_parse();
-    for (const xmlNode *entry = first_entry(document.get()); entry != nullptr; entry = entry->next)
+    for (const xmlNode *entry = first_entry(document); entry != nullptr; entry = entry->next)
         if (std::strcmp(node_name(entry), "backupButtonJobs") == 0) collect(entry, jobs);
     return jobs;
 }
+
+std::vector<std::int32_t> button_jobs_load() { return button_jobs_find(job_file_parse().get()); }
 
 } // namespace tsbackup

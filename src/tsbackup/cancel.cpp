@@ -3,7 +3,7 @@
 #include "tsbackup/owners.h"
 #include "tsbackup/paths.h"
 #include "tsbackup_utils.h"
-#include "zelkova.h"
+#include "wait.h"
 
 #include <cerrno>
 #include <csignal>
@@ -19,9 +19,6 @@ namespace tsbackup {
 
 namespace {
 
-/// exists() accepts a file of any type with this mode.
-constexpr int kAnyType = 100;
-
 /// Whether the process group of a job's holder may be signalled. Group 1 would mean every process of the machine, and
 /// a file that names this process is left over from a run that had the same number.
 bool is_foreign_group(pid_t holder) { return holder > 1 && holder != getpgrp(); }
@@ -33,13 +30,13 @@ void stop_group(pid_t holder) {
     TSBACKUP_LOG(level::notice, "killpg(%d,SIGHUP)\n", holder);
     sync();
     killpg(holder, SIGHUP);
-    sleep(1);
+    wait_seconds(1);
 
     // Kept with this sense: a job that outlives the hang-up is not signalled again, and the administration interface
     // shows it as cancelled all the same.
     if (is_out_of_reach(holder)) {
         killpg(holder, SIGKILL);
-        sleep(1);
+        wait_seconds(1);
         if (is_out_of_reach(holder)) TSBACKUP_LOG(level::error, "Cannot kill pid=%d errno=%d\n", holder, errno);
     }
     TSBACKUP_LOG(level::notice, "Backup job killed pid=%d\n", holder);
@@ -61,15 +58,27 @@ BackupRun cancelled_run(std::int32_t job_id, std::int32_t start_time, const std:
 
 void settle_file_systems() {
     sync();
-    sleep(1);
+    wait_seconds(1);
     sync();
 }
 
+/// Quiet when there is no such folder. It is not looked at first: a remote end that no longer answers would hold that
+/// up.
 void release_mount_point(std::int32_t job_id) {
     const std::string mount_point = paths::mount_point(job_id);
-    if (exists(mount_point.c_str(), kAnyType) == 0) return;
     if (umount(mount_point.c_str()) != 0) umount2(mount_point.c_str(), MNT_FORCE);
     rmdir(mount_point.c_str());
+}
+
+/// Takes away whatever is mounted on a folder; false when something may still be. A mount that a straggler still uses
+/// is detached: the folder itself must come to light, never the user's source.
+bool unmount_all(const std::string &folder) {
+    constexpr int kMostMounts = 16;
+    for (int count = 0; count < kMostMounts; ++count) {
+        if (umount2(folder.c_str(), UMOUNT_NOFOLLOW) == 0) continue;
+        if (umount2(folder.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW) != 0) return errno == EINVAL || errno == ENOENT;
+    }
+    return false;
 }
 
 void cancel_running(std::int32_t job_id, pid_t holder, std::int32_t now) {
@@ -114,6 +123,9 @@ void job_cancel(std::int32_t job_id) {
 
 void staging_clean_up(pid_t pid) {
     const std::string folder = "/tmp/" + std::to_string(pid);
+    // A source without a name of its own is mounted on the folder itself: what is listed below must never be the
+    // source.
+    if (!unmount_all(folder)) return;
     UniqueFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat status {};
     // "/tmp" is everybody's: a folder that another user made under this number is none of ours.
@@ -126,9 +138,7 @@ void staging_clean_up(pid_t pid) {
     while (const dirent *entry = readdir(listing.get())) {
         if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
         const std::string staging = folder + "/" + entry->d_name;
-        // Detached when a straggler still uses it: the folder below must become visible, not the user's source.
-        if (umount2(staging.c_str(), UMOUNT_NOFOLLOW) != 0) umount2(staging.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW);
-        rmdir(staging.c_str());
+        if (unmount_all(staging)) rmdir(staging.c_str());
     }
     rmdir(folder.c_str());
 }

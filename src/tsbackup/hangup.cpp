@@ -36,7 +36,7 @@ void hangup_handler_install() {
     sigset_t hang_up_only;
     sigemptyset(&hang_up_only);
     sigaddset(&hang_up_only, SIGHUP);
-    sigprocmask(SIG_UNBLOCK, &hang_up_only, nullptr);
+    pthread_sigmask(SIG_UNBLOCK, &hang_up_only, nullptr);
 }
 
 void hangup_logs_set(int copy_log, int error_log) {

@@ -120,13 +120,16 @@ void apply_setting(const xmlNode *node, BackupJob &job) {
 
 } // namespace
 
-UniqueXmlDoc job_file_parse() {
+UniqueXmlDoc job_text_parse(std::string_view content) {
     xmlInitParser();
     xmlSetExternalEntityLoader(refuse_external_entity);
-    const std::optional<std::string> content = job_file_content();
-    if (!content) return nullptr;
-    return UniqueXmlDoc(xmlReadMemory(content->data(), static_cast<int>(content->size()), paths::job_file, "utf-8",
+    return UniqueXmlDoc(xmlReadMemory(content.data(), static_cast<int>(content.size()), paths::job_file, "utf-8",
                                       XML_PARSE_NOBLANKS | XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
+}
+
+UniqueXmlDoc job_file_parse() {
+    const std::optional<std::string> content = job_file_content();
+    return content ? job_text_parse(*content) : nullptr;
 }
 
 const xmlNode *first_child(const xmlNode *node) { return node->type == XML_ENTITY_REF_NODE ? nullptr : node->children; }
@@ -145,12 +148,8 @@ const char *node_value(const xmlNode *node) {
     return child != nullptr ? reinterpret_cast<const char *>(child->content) : nullptr;
 }
 
-std::unique_ptr<BackupJob> backup_job_load(std::int32_t job_id) {
-    // A job without a number counts as number -1.
-    if (job_id < 0) return nullptr;
-
-    const UniqueXmlDoc document = job_file_parse();
-    for (const xmlNode *entry = first_entry(document.get()); entry != nullptr; entry = entry->next) {
+std::unique_ptr<BackupJob> job_find(const xmlDoc *document, std::int32_t job_id) {
+    for (const xmlNode *entry = first_entry(document); entry != nullptr; entry = entry->next) {
         BackupJob job;
         for (const xmlNode *node = first_child(entry); node != nullptr; node = node->next)
             apply_setting(node, job);
@@ -160,6 +159,12 @@ std::unique_ptr<BackupJob> backup_job_load(std::int32_t job_id) {
         return std::make_unique<BackupJob>(std::move(job));
     }
     return nullptr;
+}
+
+std::unique_ptr<BackupJob> backup_job_load(std::int32_t job_id) {
+    // A job without a number counts as number -1.
+    if (job_id < 0) return nullptr;
+    return job_find(job_file_parse().get(), job_id);
 }
 
 } // namespace tsbackup

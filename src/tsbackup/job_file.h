@@ -1,9 +1,13 @@
 #pragma once
 
+#include "tsbackup/job.h"
 #include "tsbackup/owners.h"
 
+#include <cstdint>
 #include <libxml/tree.h>
 #include <memory>
+#include <string_view>
+#include <vector>
 
 namespace tsbackup {
 
@@ -12,6 +16,15 @@ using UniqueXmlDoc = std::unique_ptr<xmlDoc, ReleaseWith<xmlFreeDoc>>;
 /// The job file as a tree without blank text, or null. Neither the network nor any other file is touched, whatever
 /// the document refers to.
 UniqueXmlDoc job_file_parse();
+
+/// The same for a text in place of the file's content.
+UniqueXmlDoc job_text_parse(std::string_view content);
+
+/// The first job of the document (null: none) with that number, ready to run; null when there is none.
+std::unique_ptr<BackupJob> job_find(const xmlDoc *document, std::int32_t job_id);
+
+/// The numbers of the document's button jobs, in order.
+std::vector<std::int32_t> button_jobs_find(const xmlDoc *document);
 
 /// A node's first child, null when there is none. A reference to an entity has none: what hangs below it is the
 /// declaration, which is no part of the document.

@@ -3,6 +3,7 @@
 #include "tsbackup/log.h"
 #include "tsbackup/owners.h"
 #include "tsbackup/paths.h"
+#include "wait.h"
 
 #include <array>
 #include <cerrno>
@@ -38,7 +39,7 @@ void write_own_group(int fd) {
         if (written >= 0) {
             done += static_cast<std::size_t>(written);
         } else if (errno == EAGAIN) {
-            sleep(1);
+            wait_seconds(1);
         } else {
             TSBACKUP_LOG(level::error, "Error from write(). errno=%d\n", errno);
             return;

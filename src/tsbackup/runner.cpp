@@ -5,6 +5,7 @@
 #include "tsbackup/paths.h"
 #include "tsbackup_local.h"
 #include "tsbackup_utils.h"
+#include "wait.h"
 #include "zelkova.h"
 
 #include <algorithm>
@@ -33,7 +34,7 @@ std::int32_t now() { return static_cast<std::int32_t>(std::time(nullptr)); }
 void sleep_minutes(std::int32_t minutes) {
     unsigned left = std::min(static_cast<unsigned>(minutes), UINT_MAX / 60) * 60;
     while (left > 0)
-        left = sleep(left);
+        left = wait_seconds(left);
 }
 
 /// Wakes the remote machine of a job and waits for it as long as the job says. The job goes on in any case.

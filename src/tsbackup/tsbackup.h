@@ -84,7 +84,7 @@ pid_t pid_file_read(std::int32_t job_id);
 // ---- cancel ----------------------------------------------------------------------------------------------------
 
 /// Takes a job out of the queue, hangs up its process group if it runs, and closes the run's books in its place:
-/// history, mount point, snapshots, event and status. Takes three seconds or a little more for a running job.
+/// history, mount point, snapshots, event and status. Takes two seconds or a little more for a running job.
 void job_cancel(std::int32_t job_id);
 
 /// Unmounts and removes what a killed upload left below "/tmp/%d" (its process id): empty folders only, and only when

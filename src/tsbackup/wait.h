@@ -1,0 +1,12 @@
+#pragma once
+
+#include <unistd.h>
+
+namespace tsbackup {
+
+/// Waits for so many seconds; returns how many were left when a signal handler ran.
+inline unsigned wait_seconds(unsigned seconds) {
+    return sleep(seconds); // NOLINT(concurrency-mt-unsafe): no process of this program has a second thread
+}
+
+} // namespace tsbackup
