@@ -83,8 +83,10 @@ void apply_metadata(const struct stat &source, const char *source_path, int sour
     const struct stat *known = target.status;
     const bool same_owner = known != nullptr && known->st_uid == source.st_uid && known->st_gid == source.st_gid;
     if (!same_owner) copy_owner(source, target);
-    // A change of the owner may take bits of the mode away, so that only an unchanged owner spares this one.
-    const bool same_mode = same_owner && ((known->st_mode ^ source.st_mode) & kPermissionBits) == 0;
+    // A change of the owner and, on some servers, the writing itself take the set-id bits away: only an unchanged
+    // owner and a mode without these bits spare this call.
+    const bool same_mode = same_owner && (source.st_mode & (S_ISUID | S_ISGID)) == 0 &&
+                           ((known->st_mode ^ source.st_mode) & kPermissionBits) == 0;
     if (!same_mode) copy_mode(source, target);
     copy_access_list(source_path, source_fd, target);
     if (S_ISDIR(source.st_mode)) copy_default_list(source_path, target);

@@ -22,6 +22,7 @@
 #include <sys/vfs.h>
 #include <sys/xattr.h>
 #include <unistd.h>
+#include <utility>
 
 namespace tsbackup {
 
@@ -87,6 +88,7 @@ struct UpcomingFile {
     bool to_be_copied = false;
     std::optional<struct stat> status; ///< no value: it could not be examined
     UniqueFd fd;                       ///< -1: it is opened when its turn comes
+    std::uint64_t copies_before = 0;   ///< how many files the walk had copied when it looked
 };
 
 /// What lasts as long as the walk through one tree.
@@ -96,6 +98,7 @@ struct Walk {
     PathBuffer dst;
     CopyBuffer buffer;
     std::array<UpcomingFile, kLookAhead> upcoming;
+    std::uint64_t copies = 0;  ///< files that the walk has copied, or tried to
     dev_t dst_root_device = 0; ///< with the inode: the destination's root, 0 while unknown
     ino_t dst_root_inode = 0;
 };
@@ -106,6 +109,7 @@ struct Folder {
     UniqueFd src_fd; ///< -1: entries are reached by their whole path
     UniqueFd dst_fd;
     dev_t src_device = 0;
+    ino_t src_inode = 0;
     FolderFacts facts;
     Listing listing;
 };
@@ -203,6 +207,7 @@ void gather_facts(Folder &folder, const Place &dst) {
     struct statfs statistics {};
     if (folder.src_fd && fstat(folder.src_fd.get(), &status) == 0) {
         folder.src_device = status.st_dev;
+        folder.src_inode = status.st_ino;
         if (fstatfs(folder.src_fd.get(), &statistics) == 0) {
             folder.facts.src_device = status.st_dev;
             folder.facts.src_type = statistics.f_type;
@@ -247,6 +252,7 @@ UniqueFd open_and_announce(const Place &src, const struct stat &status) {
 /// Decides whether a file is to be copied.
 void look_at_file(Folder &folder, const char *name, UpcomingFile &file) {
     file = UpcomingFile{};
+    file.copies_before = folder.walk.copies;
     const EntryPlaces places(folder, name);
     const bool full = folder.walk.run.full != 0;
 
@@ -292,6 +298,7 @@ int copy_folder(Walk &walk, const Place &src, const Place &dst, int depth);
 
 int copy_upcoming_file(Folder &folder, const char *name, UpcomingFile &file) {
     const EntryPlaces places(folder, name);
+    ++folder.walk.copies;
     CopyTask task;
     task.src = places.src;
     task.dst = places.dst;
@@ -300,6 +307,14 @@ int copy_upcoming_file(Folder &folder, const char *name, UpcomingFile &file) {
         task.src_status = file.status;
     task.src_fd = std::move(file.fd);
     return copy_file(task, folder.facts, folder.walk.buffer, folder.walk.run);
+}
+
+/// Whether a file that was up to date when it was looked at still is at its turn. A copy made since may have changed
+/// it: where names differ in case alone, or two names of the destination are links to one file.
+bool is_still_up_to_date(Folder &folder, const char *name, const UpcomingFile &file) {
+    if (!file.status || file.copies_before == folder.walk.copies) return true;
+    const EntryPlaces places(folder, name);
+    return is_up_to_date(*file.status, places.dst);
 }
 
 bool is_tmpfs(const char *path) {
@@ -316,6 +331,12 @@ std::optional<int> copy_subfolder(Folder &folder, const char *name, int depth) {
         if (status.st_dev != folder.src_device && is_tmpfs(places.src.path)) {
             TSBACKUP_LOG(level::debug, "Skipping tmpfs mount point %s\n", places.src.path);
             return std::nullopt;
+        }
+        // A path that had to be cut right behind its folder names that folder again, and would do so for ever.
+        if (status.st_dev == folder.src_device && status.st_ino == folder.src_inode) {
+            TSBACKUP_LOG(level::warning, "Failed to scan dir '%s' (%s)\n", places.src.path,
+                         error_text(ENAMETOOLONG).c_str());
+            return ENAMETOOLONG;
         }
         // A destination inside its own source would grow into itself until the disk is full.
         if (status.st_dev == walk.dst_root_device && status.st_ino == walk.dst_root_inode) {
@@ -336,8 +357,8 @@ std::optional<int> copy_entry(Folder &folder, std::size_t index, int depth) {
         TSBACKUP_LOG(level::debug, "skip file:%s, type %d\n", places.src.path, static_cast<int>(mode));
         return std::nullopt;
     }
-    UpcomingFile &file = folder.walk.upcoming[index % kLookAhead];
-    if (!file.to_be_copied) return std::nullopt;
+    UpcomingFile file = std::exchange(folder.walk.upcoming[index % kLookAhead], UpcomingFile{});
+    if (!file.to_be_copied && is_still_up_to_date(folder, name, file)) return std::nullopt;
     return copy_upcoming_file(folder, name, file);
 }
 
@@ -377,7 +398,7 @@ int copy_folder(Walk &walk, const Place &src, const Place &dst, int depth) {
     TSBACKUP_LOG(level::debug, "do_copy_dir(\"%s\", \"%s\")\n", src.path, dst.path);
     if (holds_snapshots(walk.run, src.path)) return 0;
 
-    Folder folder{walk, UniqueFd(), UniqueFd(), 0, {}, {}};
+    Folder folder{walk, UniqueFd(), UniqueFd(), 0, 0, {}, {}};
     struct stat dst_status {};
     if (fstatat(dst.folder, dst.name, &dst_status, 0) != 0) {
         if (const int error = create_destination(walk, src, dst)) return error;
@@ -404,7 +425,7 @@ int copy_folder(Walk &walk, const Place &src, const Place &dst, int depth) {
 } // namespace
 
 int do_copy_dir(const char *src, const char *dst, BackupRun &run) {
-    const std::unique_ptr<Walk> walk(new (std::nothrow) Walk{run, PathBuffer(src), PathBuffer(dst), {}, {}});
+    const std::unique_ptr<Walk> walk(new (std::nothrow) Walk{run, PathBuffer(src), PathBuffer(dst), {}, {}, 0});
     if (!walk) return ENOMEM;
     return copy_folder(*walk, Place::of_path(walk->src.text()), Place::of_path(walk->dst.text()), 0);
 }
