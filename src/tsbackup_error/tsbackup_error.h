@@ -1,4 +1,5 @@
-// The aborted flag and the transfer trace. The diagnostic log and the error record of this unit are declared in tsbackup/log.h.
+// The aborted flag and the transfer trace. The diagnostic log and the error record of this unit are declared in
+// tsbackup/log.h.
 
 #pragma once
 

@@ -55,6 +55,23 @@ bool start_new_history(const std::string &scratch, const BackupJob &job, const B
     return true;
 }
 
+std::int64_t file_size(const std::string &path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? status.st_size : 0;
+}
+
+/// Puts the older entries behind the new one and the whole in the history's place. On a full disk the older entries
+/// stay where they are, and the new one waits in the scratch file for the next run.
+void complete_history(const std::string &history, const std::string &scratch) {
+    const std::int64_t entry_size = file_size(scratch);
+    const std::int64_t older_size =
+        std::max<std::int64_t>(copy_file_keep_times(history.c_str(), scratch.c_str(), true), 0);
+    if (file_size(scratch) >= entry_size + older_size)
+        std::rename(scratch.c_str(), history.c_str());
+    else
+        static_cast<void>(truncate(scratch.c_str(), entry_size));
+}
+
 void record_last_full(std::int32_t job_id, std::int32_t start_time) {
     const UniqueFile file(std::fopen(paths::last_full_record(job_id).c_str(), "we"));
     if (file) std::fprintf(file.get(), "%d\n", start_time);
@@ -184,9 +201,7 @@ std::int64_t copy_file_keep_times(const char *src, const char *dst, bool append)
 void backup_log_finish(const BackupJob &job, const BackupRun &run) {
     const std::string scratch = paths::history_scratch(job.job_id);
     if (!start_new_history(scratch, job, run)) return;
-    const std::string history = paths::history(job.job_id);
-    copy_file_keep_times(history.c_str(), scratch.c_str(), true);
-    std::rename(scratch.c_str(), history.c_str());
+    complete_history(paths::history(job.job_id), scratch);
 
     const std::string copy_log = paths::copy_log(job.job_id);
     const std::string kept_log = paths::kept_copy_log(job.job_id, run.start_time);

@@ -126,15 +126,14 @@ void collect_text(const UniqueFd &descriptor, char *buffer, std::size_t size) {
     std::array<char, 1024> piece{};
     std::size_t length = 0;
     if (size > 0) buffer[0] = '\0';
-    while (length + 1 < size) {
+    do {
         const ssize_t got = TEMP_FAILURE_RETRY(read(descriptor.get(), piece.data(), piece.size() - 1));
-        if (got <= 0) return;
-        const std::size_t text = strnlen(piece.data(), static_cast<std::size_t>(got));
-        const std::size_t taken = std::min(text, size - 1 - length);
+        if (got <= 0 || size == 0) return;
+        const std::size_t taken = std::min(strnlen(piece.data(), static_cast<std::size_t>(got)), size - 1 - length);
         std::memcpy(buffer + length, piece.data(), taken);
         length += taken;
         buffer[length] = '\0';
-    }
+    } while (length + 1 < size);
 }
 
 /// The result of a child that is left to end by itself.

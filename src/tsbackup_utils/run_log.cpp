@@ -6,23 +6,10 @@
 #include "write_all.h"
 
 #include <array>
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <unistd.h>
 
 namespace tsbackup {
-
-bool write_all(int fd, const char *data, std::size_t size) {
-    while (size > 0) {
-        const ssize_t written = write(fd, data, size);
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return false;
-        data += written;
-        size -= static_cast<std::size_t>(written);
-    }
-    return true;
-}
 
 namespace {
 
