@@ -134,7 +134,6 @@ void staging_clean_up(pid_t pid) {
     const UniqueDir listing(fdopendir(fd.get()));
     if (!listing) return;
     fd.release();
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): the listing is this function's own
     while (const dirent *entry = readdir(listing.get())) {
         if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
         const std::string staging = folder + "/" + entry->d_name;

@@ -3,6 +3,7 @@
 #include "tsbackup/log.h"
 #include "tsbackup/paths.h"
 #include "tsbackup_local.h"
+#include "tsbackup_rsync.h"
 #include "tsbackup_utils.h"
 #include "zelkova.h"
 
@@ -24,10 +25,16 @@ struct ProtocolRow {
 };
 
 /// Drivers that copy from a remote source, one row a protocol.
-constexpr std::initializer_list<ProtocolRow> kRemoteSources = {};
+constexpr std::initializer_list<ProtocolRow> kRemoteSources = {
+    {"rsync", backup_rsync_to_local},
+    {"rsync+ssh", backup_rsync_to_local},
+};
 
 /// Drivers that copy to a remote destination, one row a protocol.
-constexpr std::initializer_list<ProtocolRow> kRemoteDestinations = {};
+constexpr std::initializer_list<ProtocolRow> kRemoteDestinations = {
+    {"rsync", backup_local_to_rsync},
+    {"rsync+ssh", backup_local_to_rsync},
+};
 
 Driver driver_of(const std::initializer_list<ProtocolRow> &rows, const JobText &protocol) {
     for (const ProtocolRow &row : rows)

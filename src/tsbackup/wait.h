@@ -6,7 +6,7 @@ namespace tsbackup {
 
 /// Waits for so many seconds; returns how many were left when a signal handler ran.
 inline unsigned wait_seconds(unsigned seconds) {
-    return sleep(seconds); // NOLINT(concurrency-mt-unsafe): no process of this program has a second thread
+    return sleep(seconds);
 }
 
 } // namespace tsbackup
