@@ -1,0 +1,4 @@
+# Installs the build tree BUILD into the folder STAGE, emptied first.
+file(REMOVE_RECURSE ${STAGE})
+set(ENV{DESTDIR} ${STAGE})
+execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD} --prefix /usr COMMAND_ERROR_IS_FATAL ANY)
