@@ -51,5 +51,4 @@ void error_text(int error_number, char *buffer, std::size_t size);
 
 /// Each unit's build defines TSBACKUP_UNIT, the tag that its diagnostics carry.
 #define TSBACKUP_LOG(level, ...) ::tsbackup::diagnostic_log(TSBACKUP_UNIT, __LINE__, level, __VA_ARGS__)
-#define TSBACKUP_ERROR_SET(code, env, ...)                                                                             \
-    ::tsbackup::backup_error_set(code, env, TSBACKUP_UNIT, __LINE__, __VA_ARGS__)
+#define TSBACKUP_ERROR_SET(code, env, ...) ::tsbackup::backup_error_set(code, env, TSBACKUP_UNIT, __LINE__, __VA_ARGS__)

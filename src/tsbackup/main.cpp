@@ -43,6 +43,8 @@ void process_prepare() {
     setpgid(0, 0);
     // A reader of the diagnostics that goes away must not end a backup.
     std::signal(SIGPIPE, SIG_IGN);
+    // Nor may a limit of the file size: the file that exceeds it is reported, and the others are still copied.
+    std::signal(SIGXFSZ, SIG_IGN);
 }
 
 int usage_exit(const char *program) {

@@ -5,8 +5,6 @@
 namespace tsbackup {
 
 /// Waits for so many seconds; returns how many were left when a signal handler ran.
-inline unsigned wait_seconds(unsigned seconds) {
-    return sleep(seconds);
-}
+inline unsigned wait_seconds(unsigned seconds) { return sleep(seconds); }
 
 } // namespace tsbackup

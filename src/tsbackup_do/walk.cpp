@@ -46,7 +46,7 @@ constexpr long kSmbMagicMask = 0xFEFFFFFF;
 /// from a cold disk side by side.
 constexpr std::size_t kLookAhead = 16;
 /// Of a file that long only the beginning is announced; the kernel reads on by itself.
-constexpr off_t kAnnounced = 1024 * 1024;
+constexpr off_t kAnnounced = off_t{1024} * 1024;
 /// Folders nested deeper than this are reached by their whole path, so that no tree uses up the descriptors.
 constexpr int kHeldLevels = 200;
 
@@ -283,7 +283,7 @@ mode_t entry_mode(Folder &folder, std::size_t index) {
 
 /// Looks at files from `from` on, at most kLookAhead of them beyond `current`, and not past a folder: whoever
 /// descends holds no opened files. Returns the index behind the last one looked at.
-std::size_t look_ahead(Folder &folder, std::size_t current, std::size_t from) {
+[[gnu::noinline]] std::size_t look_ahead(Folder &folder, std::size_t current, std::size_t from) {
     std::size_t index = std::max(current, from);
     for (; index < folder.listing.size() && index < current + kLookAhead; ++index) {
         const char *name = folder.listing.name(index);
@@ -322,44 +322,61 @@ bool is_tmpfs(const char *path) {
     return statfs(path, &statistics) == 0 && statistics.f_type == TMPFS_MAGIC;
 }
 
+/// Whether a subfolder is not to be entered.
+[[gnu::noinline]] bool is_left_out(const Folder &folder, const Place &src) {
+    const Walk &walk = folder.walk;
+    struct stat status {};
+    if (fstatat(src.folder, src.name, &status, AT_SYMLINK_NOFOLLOW) != 0) return false;
+    if (status.st_dev != folder.src_device && is_tmpfs(src.path)) {
+        TSBACKUP_LOG(level::debug, "Skipping tmpfs mount point %s\n", src.path);
+        return true;
+    }
+    // A path that had to be cut right behind its folder names that folder again, and would do so for ever.
+    if (status.st_dev == folder.src_device && status.st_ino == folder.src_inode) {
+        TSBACKUP_LOG(level::warning, "Failed to scan dir '%s' (%s)\n", src.path, error_text(ENAMETOOLONG).c_str());
+        return true;
+    }
+    // A destination inside its own source would grow into itself until the disk is full.
+    if (status.st_dev == walk.dst_root_device && status.st_ino == walk.dst_root_inode) {
+        TSBACKUP_LOG(level::debug, "Skipping destination folder %s\n", src.path);
+        return true;
+    }
+    return false;
+}
+
 /// Copies a subfolder. No value when it is left out.
 std::optional<int> copy_subfolder(Folder &folder, const char *name, int depth) {
     const EntryPlaces places(folder, name);
-    Walk &walk = folder.walk;
-    struct stat status {};
-    if (fstatat(places.src.folder, places.src.name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
-        if (status.st_dev != folder.src_device && is_tmpfs(places.src.path)) {
-            TSBACKUP_LOG(level::debug, "Skipping tmpfs mount point %s\n", places.src.path);
-            return std::nullopt;
-        }
-        // A path that had to be cut right behind its folder names that folder again, and would do so for ever.
-        if (status.st_dev == folder.src_device && status.st_ino == folder.src_inode) {
-            TSBACKUP_LOG(level::warning, "Failed to scan dir '%s' (%s)\n", places.src.path,
-                         error_text(ENAMETOOLONG).c_str());
-            return ENAMETOOLONG;
-        }
-        // A destination inside its own source would grow into itself until the disk is full.
-        if (status.st_dev == walk.dst_root_device && status.st_ino == walk.dst_root_inode) {
-            TSBACKUP_LOG(level::debug, "Skipping destination folder %s\n", places.src.path);
-            return std::nullopt;
-        }
-    }
-    return copy_folder(walk, places.src, places.dst, depth + 1);
+    if (is_left_out(folder, places.src)) return std::nullopt;
+    return copy_folder(folder.walk, places.src, places.dst, depth + 1);
+}
+
+/// Copies a file that stands at its turn. No value when it is left out.
+[[gnu::noinline]] std::optional<int> copy_file_at_its_turn(Folder &folder, std::size_t index) {
+    const char *name = folder.listing.name(index);
+    UpcomingFile file = std::exchange(folder.walk.upcoming[index % kLookAhead], UpcomingFile{});
+    if (!file.to_be_copied && is_still_up_to_date(folder, name, file)) return std::nullopt;
+    return copy_upcoming_file(folder, name, file);
+}
+
+[[gnu::noinline]] void report_skipped_entry(Folder &folder, std::size_t index, mode_t mode) {
+    const EntryPlaces places(folder, folder.listing.name(index));
+    TSBACKUP_LOG(level::debug, "skip file:%s, type %d\n", places.src.path, static_cast<int>(mode));
 }
 
 /// Copies one entry that stands at its turn. No value when it is left out.
 std::optional<int> copy_entry(Folder &folder, std::size_t index, int depth) {
-    const char *name = folder.listing.name(index);
     const mode_t mode = entry_mode(folder, index);
-    if (S_ISDIR(mode)) return copy_subfolder(folder, name, depth);
-    if (!S_ISREG(mode)) {
-        const EntryPlaces places(folder, name);
-        TSBACKUP_LOG(level::debug, "skip file:%s, type %d\n", places.src.path, static_cast<int>(mode));
-        return std::nullopt;
-    }
-    UpcomingFile file = std::exchange(folder.walk.upcoming[index % kLookAhead], UpcomingFile{});
-    if (!file.to_be_copied && is_still_up_to_date(folder, name, file)) return std::nullopt;
-    return copy_upcoming_file(folder, name, file);
+    if (S_ISDIR(mode)) return copy_subfolder(folder, folder.listing.name(index), depth);
+    if (S_ISREG(mode)) return copy_file_at_its_turn(folder, index);
+    report_skipped_entry(folder, index, mode);
+    return std::nullopt;
+}
+
+[[gnu::noinline]] void report_bailing(Folder &folder, int error) {
+    TSBACKUP_LOG(level::error, "Bailing backing up directory %s (%s)\n", folder.walk.src.text(),
+                 error_text(error).c_str());
+    folder.walk.upcoming = {};
 }
 
 // Kept as it is: the last entry's result is the folder's, so that an early failure which successes follow is none.
@@ -374,9 +391,7 @@ int copy_entries(Folder &folder, int depth) {
         if (!entry_result) continue;
         result = *entry_result;
         if (result == ENOSPC || result == EROFS) {
-            TSBACKUP_LOG(level::error, "Bailing backing up directory %s (%s)\n", folder.walk.src.text(),
-                         error_text(result).c_str());
-            folder.walk.upcoming = {};
+            report_bailing(folder, result);
             break;
         }
     }
@@ -394,14 +409,11 @@ bool holds_snapshots(const BackupRun &run, const char *path) {
     return std::strstr(path, "/snapshot") != nullptr && is_share_snapshot_dir(path);
 }
 
-int copy_folder(Walk &walk, const Place &src, const Place &dst, int depth) {
-    TSBACKUP_LOG(level::debug, "do_copy_dir(\"%s\", \"%s\")\n", src.path, dst.path);
-    if (holds_snapshots(walk.run, src.path)) return 0;
-
-    Folder folder{walk, UniqueFd(), UniqueFd(), 0, 0, {}, {}};
+/// Makes the destination where it is missing, and opens and lists the two folders. 0 or an errno value.
+[[gnu::noinline]] int open_folder(Folder &folder, const Place &src, const Place &dst, int depth) {
     struct stat dst_status {};
     if (fstatat(dst.folder, dst.name, &dst_status, 0) != 0) {
-        if (const int error = create_destination(walk, src, dst)) return error;
+        if (const int error = create_destination(folder.walk, src, dst)) return error;
         folder.facts.dst_is_fresh = true;
     }
 
@@ -419,6 +431,16 @@ int copy_folder(Walk &walk, const Place &src, const Place &dst, int depth) {
         folder.src_fd.reset();
         folder.dst_fd.reset();
     }
+    return 0;
+}
+
+// A tree may be 2000 levels deep. What a level does besides entering its subfolders stays in functions of its own (the
+// ones that are not inlined), so that its stack holds nothing of it while the levels below are at work.
+int copy_folder(Walk &walk, const Place &src, const Place &dst, int depth) {
+    TSBACKUP_LOG(level::debug, "do_copy_dir(\"%s\", \"%s\")\n", src.path, dst.path);
+    if (holds_snapshots(walk.run, src.path)) return 0;
+    Folder folder{walk, UniqueFd(), UniqueFd(), 0, 0, {}, {}};
+    if (const int error = open_folder(folder, src, dst, depth)) return error;
     return copy_entries(folder, depth);
 }
 

@@ -251,7 +251,7 @@ std::vector<pid_t> family_of(pid_t first) {
     std::vector<pid_t> family{first};
     for (std::size_t at = 0; at < family.size(); ++at) {
         const std::string process = std::to_string(family[at]);
-        std::istringstream children(read_file("/proc/" + process + "/task/" + process + "/children"));
+        std::istringstream children(read_file(fs::path("/proc") / process / "task" / process / "children"));
         for (pid_t child = 0; children >> child;)
             family.push_back(child);
     }

@@ -66,7 +66,8 @@ void remove_tree(const std::string &path) {
 
 std::vector<std::string> list_folder(const std::string &path) {
     std::vector<std::string> names;
-    for (const auto &entry : fs::directory_iterator(path)) names.push_back(entry.path().filename());
+    for (const auto &entry : fs::directory_iterator(path))
+        names.push_back(entry.path().filename());
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -77,7 +78,8 @@ std::string shell_output(const std::string &command) {
     if (pipe == nullptr) return output;
     std::array<char, 4096> block{};
     std::size_t got = 0;
-    while ((got = std::fread(block.data(), 1, block.size(), pipe)) > 0) output.append(block.data(), got);
+    while ((got = std::fread(block.data(), 1, block.size(), pipe)) > 0)
+        output.append(block.data(), got);
     pclose(pipe);
     return output;
 }

@@ -16,13 +16,13 @@ bool in_appliance();
 /// Skips the test with its reason where no appliance root could be made.
 #define REQUIRE_APPLIANCE()                                                                                            \
     do {                                                                                                               \
-        if (!::tsbackup::test::in_appliance()) GTEST_SKIP() << "needs the demonstration appliance's own root";        \
+        if (!::tsbackup::test::in_appliance()) GTEST_SKIP() << "needs the demonstration appliance's own root";         \
     } while (false)
 
 /// Skips the test where the process is not root in a namespace that maps every user.
 #define REQUIRE_ROOT()                                                                                                 \
     do {                                                                                                               \
-        if (!::tsbackup::test::is_real_root()) GTEST_SKIP() << "needs root on the machine";                           \
+        if (!::tsbackup::test::is_real_root()) GTEST_SKIP() << "needs root on the machine";                            \
     } while (false)
 bool is_real_root();
 

@@ -29,6 +29,10 @@ std::string xml_text(const std::string &text) {
     return escaped;
 }
 
+std::string element(const std::string &name, const std::string &value) {
+    return "    <" + name + ">" + xml_text(value) + "</" + name + ">\n";
+}
+
 std::string numbered(const std::string &before, int job_id, const std::string &after) {
     std::array<char, 16> digits{};
     std::snprintf(digits.data(), digits.size(), "%03d", job_id);
@@ -52,7 +56,7 @@ Settings usb_end(const std::string &side, const std::string &port, const std::st
 JobFile &JobFile::job(int id, const Settings &settings) {
     body_ += "  <backupJob>\n    <job_id>" + std::to_string(id) + "</job_id>\n";
     for (const auto &[name, value] : settings)
-        body_ += "    <" + name + ">" + xml_text(value) + "</" + name + ">\n";
+        body_ += element(name, value);
     body_ += "  </backupJob>\n";
     return *this;
 }

@@ -60,10 +60,17 @@ void remove_entry(const std::string &path) {
     if (file_exists(path)) throw std::runtime_error("cannot remove " + path);
 }
 
+std::vector<std::string> entries_of(const std::string &folder) {
+    std::vector<std::string> paths;
+    for (const auto &entry : fs::directory_iterator(folder))
+        paths.push_back(entry.path());
+    return paths;
+}
+
 void empty_folder(const std::string &folder) {
-    if (!fs::exists(folder)) return;
-    for (const std::string &name : list_folder(folder))
-        remove_entry(folder + "/" + name);
+    if (!fs::is_directory(fs::symlink_status(folder))) return;
+    for (const std::string &path : entries_of(folder))
+        remove_entry(path);
 }
 
 /// Deletes the snapshots of every share of a volume, and then everything on it that no appliance starts with.
@@ -74,13 +81,14 @@ void reset_volume(const std::string &volume) {
                      "/._share/*/.snapshot/*; do [ -d \"$s\" ] && btrfs subvolume delete \"$s\"; done");
     }
     empty_folder(folder + "/._share");
-    for (const std::string &name : list_folder(folder)) {
+    for (const std::string &path : entries_of(folder)) {
+        const std::string name = fs::path(path).filename();
+        if (name == "._share") continue;
         const bool known = std::any_of(std::begin(kShares), std::end(kShares), [&](const Share &share) {
             return volume == share.volume && name == share.name;
         });
-        if (name == "._share") continue;
-        empty_folder(folder + "/" + name);
-        if (!known && name != ".timemachine") remove_entry(folder + "/" + name);
+        empty_folder(path);
+        if (!known && name != ".timemachine") remove_entry(path);
     }
 }
 

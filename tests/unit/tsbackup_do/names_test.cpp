@@ -19,6 +19,12 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kMemoryIsTheProgramsAlone = false;
+#else
+constexpr bool kMemoryIsTheProgramsAlone = true;
+#endif
+
 class Names : public EngineTest {};
 
 TEST_F(Names, OddOnesArriveByteForByte) {
@@ -139,6 +145,26 @@ TEST_F(Names, DeepTreeIsCopiedWithFewDescriptors) {
     close(copied);
 }
 
+TEST_F(Names, DeepTreeIsCopiedOnASmallStack) {
+    if (!kMemoryIsTheProgramsAlone) GTEST_SKIP() << "the address sanitizer's memory would be measured";
+    const std::string root = scratch();
+    make_folder(root + "/src");
+    close(make_chain(root + "/src", "d", 1000));
+    const pid_t child = fork();
+    if (child == 0) {
+        // 1 KiB a level, and some for what stands above and below: the deepest trees fit the usual 8 MiB many times.
+        const rlimit stack = {(1000 + 256) * 1024, RLIM_INFINITY};
+        setrlimit(RLIMIT_STACK, &stack);
+        BackupRun run;
+        run.clock_failed = 1;
+        _exit(do_copy_dir((root + "/src").c_str(), (root + "/dst").c_str(), run) == 0 ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(levels_of(root + "/dst", "d"), 1000);
+}
+
 /// Lengths of the two roots, so that each path of the chain meets the limit of 4095 characters at another letter.
 struct LengthCase {
     std::size_t src;
@@ -213,6 +239,7 @@ long peak_memory_kib() {
 }
 
 TEST_F(Names, WideFolderIsCopiedInLittleMemory) {
+    if (!kMemoryIsTheProgramsAlone) GTEST_SKIP() << "the address sanitizer's memory would be measured";
     constexpr int kEntries = 100'000;
     const std::string root = scratch();
     make_folder(root + "/src");
