@@ -22,7 +22,7 @@ namespace {
 constexpr off_t kSlice = 0x1000000;
 
 /// Up to this size the reservation is left to the write itself, which finds a full disk just as surely.
-constexpr off_t kReservedByWriting = 64 * 1024;
+constexpr off_t kReservedByWriting = off_t{64} * 1024;
 
 const char *relative_source(const CopyTask &task, const BackupRun &run) {
     return below_root(task.src.path, run.src_root_len);

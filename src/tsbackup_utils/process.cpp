@@ -219,7 +219,7 @@ std::int32_t backup_systemf(const char *format, ...) {
 }
 
 void set_core_limit(int megabytes) {
-    constexpr rlim_t kMebibyte = 1024 * 1024;
+    constexpr rlim_t kMebibyte = rlim_t{1024} * 1024;
     const rlim_t bytes = static_cast<rlim_t>(std::max(megabytes, 0)) * kMebibyte;
     const rlimit limit{bytes, bytes};
     setrlimit(RLIMIT_CORE, &limit);
