@@ -161,11 +161,14 @@ int open_source(CopyTask &task, BackupRun &run) {
     return task.src_fd ? 0 : report_read_failure(task, run, errno);
 }
 
-/// Reserves the file's whole size, so that a copy that cannot fit fails before its first byte.
+/// Reserves the file's whole size, so that a copy that cannot fit fails before its first byte. The size itself grows
+/// with the bytes: a disk that is pulled while they are still in memory must not keep a file of zeros with the source's
+/// size and time, which no later run would copy again.
 int reserve(int fd, off_t size) {
-    if (fallocate(fd, 0, 0, size) == 0) return 0;
+    if (fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, size) == 0) return 0;
     if (errno != EOPNOTSUPP) return errno;
-    return write_exactly(fd, "", 1, size - 1);
+    if (const int error = write_exactly(fd, "", 1, size - 1)) return error;
+    return ftruncate(fd, 0) == 0 ? 0 : errno;
 }
 
 // Between two native Linux file systems. The bytes move by reading and writing: that costs half of what two mappings

@@ -17,7 +17,6 @@ namespace tsbackup::test {
 namespace {
 
 using testing::HasSubstr;
-using testing::Not;
 
 /// Everything that a failing copy shows.
 struct Outcome {
@@ -357,7 +356,7 @@ void inject(const FaultCase &c) {
         kernel().close = [error](int fd) { return (fcntl(fd, F_GETFL) & O_ACCMODE) == O_WRONLY ? error : 0; };
         break;
     case Fault::memory:
-        kernel().failing_allocation = 256 * 1024;
+        kernel().failing_allocation = std::size_t{256} * 1024;
         break;
     }
 }
@@ -394,7 +393,7 @@ INSTANTIATE_TEST_SUITE_P(Faults, FileFault, testing::ValuesIn(kFaultCases),
 
 TEST_F(FileFailure, BytesBeforeAFailureAreCountedByWholeSlices) {
     REQUIRE_VOLUME(Volume::ext4);
-    constexpr off_t kSlice = 16 * 1024 * 1024;
+    constexpr off_t kSlice = off_t{16} * 1024 * 1024;
     for (const Volume kind : {Volume::ext4, Volume::tmpfs}) {
         prepare(Volume::ext4, kind, static_cast<std::size_t>(kSlice) + 1'000'000);
         kernel().pread = [](int, std::size_t, off_t offset) -> std::optional<ssize_t> {

@@ -15,7 +15,6 @@ namespace tsbackup::test {
 namespace {
 
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 struct Pair {
     const char *name;
@@ -87,7 +86,7 @@ TEST_P(OnEveryPair, LongerDestinationIsCutAndShorterOneGrows) {
 TEST_P(OnEveryPair, HolesReadAsZeros) {
     const std::string path = src_ + "/sparse";
     write_file(path, "begin");
-    ASSERT_EQ(truncate(path.c_str(), 17 * 1024 * 1024), 0);
+    ASSERT_EQ(truncate(path.c_str(), off_t{17} * 1024 * 1024), 0);
     EXPECT_EQ(copy("sparse", "sparse"), 0);
     const std::string copied = read_file(dst_ + "/sparse");
     EXPECT_EQ(copied.size(), 17u * 1024 * 1024);
@@ -362,7 +361,7 @@ TEST_P(OnEveryPair, ProgressIsWritten) {
     make_folder("/var/log/tessera/backup");
     const std::string status_file = "/var/log/tessera/backup/status_backup_042";
     remove_tree(status_file);
-    write_file(src_ + "/file", pattern(17 * 1024 * 1024));
+    write_file(src_ + "/file", pattern(std::size_t{17} * 1024 * 1024));
     run_.clock_failed = 0;
     run_.job_id = 42;
     run_.start_time = 1'600'000'000;

@@ -17,7 +17,6 @@ namespace tsbackup::test {
 namespace {
 
 using testing::HasSubstr;
-using testing::Not;
 
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool kMemoryIsTheProgramsAlone = false;
@@ -43,8 +42,7 @@ TEST_F(Names, OddOnesArriveByteForByte) {
         " ",
         "  leading and trailing  ",
         "*?[]",
-        "Gr\xc3\xbc\xc3\x9f"
-        "e",
+        std::string("Gr\xc3\xbc\xc3\x9f") + "e",
         std::string(255, 'n'),
     };
     for (const std::string &name : names) {
@@ -153,7 +151,7 @@ TEST_F(Names, DeepTreeIsCopiedOnASmallStack) {
     const pid_t child = fork();
     if (child == 0) {
         // 1 KiB a level, and some for what stands above and below: the deepest trees fit the usual 8 MiB many times.
-        const rlimit stack = {(1000 + 256) * 1024, RLIM_INFINITY};
+        const rlimit stack = {rlim_t{1000 + 256} * 1024, RLIM_INFINITY};
         setrlimit(RLIMIT_STACK, &stack);
         BackupRun run;
         run.clock_failed = 1;
@@ -240,6 +238,7 @@ long peak_memory_kib() {
 
 TEST_F(Names, WideFolderIsCopiedInLittleMemory) {
     if (!kMemoryIsTheProgramsAlone) GTEST_SKIP() << "the address sanitizer's memory would be measured";
+    constexpr long kMostKib = 12288;
     constexpr int kEntries = 100'000;
     const std::string root = scratch();
     make_folder(root + "/src");
@@ -256,8 +255,8 @@ TEST_F(Names, WideFolderIsCopiedInLittleMemory) {
         run.clock_failed = 1;
         const int result = do_copy_dir((root + "/src").c_str(), (root + "/dst").c_str(), run);
         const long grown = peak_memory_kib() - before;
-        if (before < 0 || grown > 12 * 1024) std::fprintf(stderr, "peak memory grew by %ld KiB\n", grown);
-        _exit(result != 0 ? 1 : before < 0 || grown > 12 * 1024 ? 2 : 0);
+        if (before < 0 || grown > kMostKib) std::fprintf(stderr, "peak memory grew by %ld KiB\n", grown);
+        _exit(result != 0 ? 1 : before < 0 || grown > kMostKib ? 2 : 0);
     }
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);

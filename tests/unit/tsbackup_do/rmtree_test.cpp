@@ -11,7 +11,6 @@ namespace tsbackup::test {
 namespace {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 class Rmtree : public EngineTest {

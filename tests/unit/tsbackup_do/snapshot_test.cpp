@@ -10,7 +10,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::Not;
 
 constexpr char kText[] = "(debug) This is a snapshot, don't back up when src is volume.\n";
 
