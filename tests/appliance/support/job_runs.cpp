@@ -72,13 +72,14 @@ int history_entries(int job_id) {
 
 std::vector<std::string> snapshots() {
     std::vector<std::string> paths;
-    for (const std::string volume : {"/data", "/vault"}) {
-        if (!file_exists(volume + "/._share")) continue;
-        for (const std::string &share : list_folder(volume + "/._share")) {
-            const std::string folder = volume + "/._share/" + share + "/.snapshot";
-            if (!file_exists(folder)) continue;
+    for (const char *volume : {"/data", "/vault"}) {
+        const fs::path shares = fs::path(volume) / "._share";
+        if (!fs::exists(shares)) continue;
+        for (const std::string &share : list_folder(shares)) {
+            const fs::path folder = shares / share / ".snapshot";
+            if (!fs::exists(folder)) continue;
             for (const std::string &name : list_folder(folder))
-                paths.push_back(folder + "/" + name);
+                paths.push_back(folder / name);
         }
     }
     return paths;
@@ -94,10 +95,10 @@ std::vector<std::string> states(StatusWatcher &watcher) {
 }
 
 std::string settled_diagnostics(const std::string &text, pid_t pid) {
-    static const std::regex place("(^|\n)([A-Za-z_]+):[0-9]+ (?=\\()");
+    static const std::regex place("(tsbackup[a-z_]*):[0-9]+ ");
     std::string settled = std::regex_replace(text, std::regex("_" + std::to_string(pid) + "\\b"), "_PID");
     settled = std::regex_replace(settled, std::regex("\\b" + std::to_string(pid) + "\\b"), "PID");
-    return with_placeholders(std::regex_replace(settled, place, "$1$2 "));
+    return with_placeholders(std::regex_replace(settled, place, "$1 "));
 }
 
 std::vector<pid_t> group_members(pid_t group) {

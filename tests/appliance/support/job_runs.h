@@ -100,7 +100,7 @@ class StandIn {
 bool broadcast_network();
 #define REQUIRE_BROADCAST_NETWORK()                                                                                    \
     do {                                                                                                               \
-        if (!::tsbackup::test::broadcast_network()) GTEST_SKIP() << "needs a network interface that can broadcast";   \
+        if (!::tsbackup::test::broadcast_network()) GTEST_SKIP() << "needs a network interface that can broadcast";    \
     } while (false)
 
 /// Receives wake-up packets on the appliance's network.
