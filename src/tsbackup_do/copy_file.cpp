@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <linux/magic.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -165,6 +166,8 @@ int open_source(CopyTask &task, BackupRun &run) {
 /// with the bytes: a disk that is pulled while they are still in memory must not keep a file of zeros with the source's
 /// size and time, which no later run would copy again.
 int reserve(int fd, off_t size) {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && static_cast<rlim_t>(size) > limit.rlim_cur) return EFBIG;
     if (fallocate(fd, FALLOC_FL_KEEP_SIZE, 0, size) == 0) return 0;
     if (errno != EOPNOTSUPP) return errno;
     if (const int error = write_exactly(fd, "", 1, size - 1)) return error;
@@ -206,13 +209,24 @@ bool is_native(long file_system_type) {
 }
 
 /// 0, or an errno value. What the folder's walk already knows is not asked again.
-int file_system_type(const Place &place, dev_t device, dev_t known_device, long known_type, long &type) {
-    if (known_type != 0 && device == known_device) {
-        type = known_type;
-        return 0;
-    }
+int destination_type(const CopyTask &task, dev_t device, const FolderFacts &facts, long &type) {
+    type = facts.dst_type;
+    if (type != 0 && device == facts.dst_device) return 0;
     struct statfs statistics {};
-    if (statfs(place.path, &statistics) != 0) return errno;
+    if (statfs(task.dst.path, &statistics) != 0) return errno;
+    type = statistics.f_type;
+    return 0;
+}
+
+/// The same for the source, which is opened for it: a snapshot that was deleted meanwhile has no path any more, and its
+/// files are still to be copied.
+int source_type(CopyTask &task, const FolderFacts &facts, long &type) {
+    type = facts.src_type;
+    if (type != 0 && task.src_status->st_dev == facts.src_device) return 0;
+    if (!task.src_fd) task.src_fd.reset(open_regular(task.src, O_RDONLY | (task.follow_source ? 0 : O_NOFOLLOW), 0));
+    struct statfs statistics {};
+    const int result = task.src_fd ? fstatfs(task.src_fd.get(), &statistics) : statfs(task.src.path, &statistics);
+    if (result != 0) return errno;
     type = statistics.f_type;
     return 0;
 }
@@ -294,6 +308,11 @@ int copy_file(CopyTask &task, const FolderFacts &facts, CopyBuffer &buffer, Back
         return 0;
     }
 
+    // Asked before the destination is emptied: without a source to read, an earlier copy stays what it is.
+    long src_type = 0;
+    if (const int error = source_type(task, facts, src_type))
+        return report_statfs_failure(task.src.path, relative_source(task, run), run, error);
+
     struct stat dst_status {};
     int refusal = 0;
     UniqueFd dst_fd = open_destination(task, dst_status, refusal);
@@ -306,12 +325,8 @@ int copy_file(CopyTask &task, const FolderFacts &facts, CopyBuffer &buffer, Back
         return error;
     }
 
-    long src_type = 0;
     long dst_type = 0;
-    if (const int error =
-            file_system_type(task.src, task.src_status->st_dev, facts.src_device, facts.src_type, src_type))
-        return report_statfs_failure(task.src.path, relative_source(task, run), run, error);
-    if (const int error = file_system_type(task.dst, dst_status.st_dev, facts.dst_device, facts.dst_type, dst_type))
+    if (const int error = destination_type(task, dst_status.st_dev, facts, dst_type))
         return report_statfs_failure(task.dst.path, relative_destination(task, run), run, error);
 
     const bool native = is_native(src_type) && is_native(dst_type);

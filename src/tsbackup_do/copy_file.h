@@ -12,7 +12,7 @@ namespace tsbackup {
 /// The buffer through which the bytes of all files of a walk move; allocated once, when it is first needed.
 class CopyBuffer {
   public:
-    static constexpr std::size_t size = std::size_t{256} * 1024;
+    static constexpr std::size_t size = std::size_t{64} * 1024;
     /// Null when it cannot be allocated.
     char *get() {
         if (!block_) block_.reset(static_cast<char *>(std::malloc(size)));

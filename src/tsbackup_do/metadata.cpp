@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <memory>
+#include <string>
 #include <sys/acl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -68,8 +69,11 @@ void copy_access_list(const char *source_path, int source_fd, const MetaTarget &
         acl_set_file(target.place.path, ACL_TYPE_ACCESS, list.get());
 }
 
-void copy_default_list(const char *source_path, const MetaTarget &target) {
-    const UniqueAcl list(acl_get_file(source_path, ACL_TYPE_DEFAULT));
+// The library reads a default list by path alone; the descriptor's own path stays good when the folder's name is gone.
+void copy_default_list(const char *source_path, int source_fd, const MetaTarget &target) {
+    const std::string held_path = "/proc/self/fd/" + std::to_string(source_fd);
+    UniqueAcl list(source_fd >= 0 ? acl_get_file(held_path.c_str(), ACL_TYPE_DEFAULT) : nullptr);
+    if (!list) list.reset(acl_get_file(source_path, ACL_TYPE_DEFAULT));
     if (list) acl_set_file(target.place.path, ACL_TYPE_DEFAULT, list.get());
 }
 
@@ -89,7 +93,7 @@ void apply_metadata(const struct stat &source, const char *source_path, int sour
                            ((known->st_mode ^ source.st_mode) & kPermissionBits) == 0;
     if (!same_mode) copy_mode(source, target);
     copy_access_list(source_path, source_fd, target);
-    if (S_ISDIR(source.st_mode)) copy_default_list(source_path, target);
+    if (S_ISDIR(source.st_mode)) copy_default_list(source_path, source_fd, target);
 }
 
 int do_copy_meta(const char *src, const char *dst, const BackupRun &run) {

@@ -148,8 +148,8 @@ class EntryPlaces {
 
 /// Creates the destination folder with its source's metadata. Before any content on purpose: its times end up as
 /// the copying of its content leaves them. 0 or an errno value.
-int create_destination(Walk &walk, const Place &src, const Place &dst) {
-    BackupRun &run = walk.run;
+int create_destination(const Folder &folder, const Place &src, const Place &dst) {
+    BackupRun &run = folder.walk.run;
     const char *relative = below_root(dst.path, run.dst_root_len);
     if (mkdirat(dst.folder, dst.name, 0777) != 0) {
         const int error = errno;
@@ -158,11 +158,14 @@ int create_destination(Walk &walk, const Place &src, const Place &dst) {
         TSBACKUP_LOG(level::error, "Cannot mkdir(%s) ==> %d.\n", dst.path, error);
         return error;
     }
+    // A folder that may not be read lends its metadata all the same; a file or a link in its place lends nothing.
     struct stat source {};
-    if (fstatat(src.folder, src.name, &source, 0) == 0) {
+    const int result = folder.src_fd ? fstat(folder.src_fd.get(), &source)
+                                     : fstatat(src.folder, src.name, &source, AT_SYMLINK_NOFOLLOW);
+    if (result == 0 && S_ISDIR(source.st_mode)) {
         MetaTarget target;
         target.place = dst;
-        apply_metadata(source, src.path, -1, target, run);
+        apply_metadata(source, src.path, folder.src_fd.get(), target, run);
     }
     copy_log_line(run, "Copy Folder  %s\n", relative);
     return 0;
@@ -411,15 +414,19 @@ bool holds_snapshots(const BackupRun &run, const char *path) {
 
 /// Makes the destination where it is missing, and opens and lists the two folders. 0 or an errno value.
 [[gnu::noinline]] int open_folder(Folder &folder, const Place &src, const Place &dst, int depth) {
+    // Opened ahead of everything else: what happens to the folder's name from here on changes nothing. Another job that
+    // starts now deletes this run's snapshot, which lives on for as long as it is held open.
+    const int follow = depth == 0 ? 0 : O_NOFOLLOW;
+    folder.src_fd.reset(openat(src.folder, src.name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | follow));
+    const int open_error = folder.src_fd ? 0 : errno;
+
     struct stat dst_status {};
     if (fstatat(dst.folder, dst.name, &dst_status, 0) != 0) {
-        if (const int error = create_destination(folder.walk, src, dst)) return error;
+        if (const int error = create_destination(folder, src, dst)) return error;
         folder.facts.dst_is_fresh = true;
     }
 
-    const int follow = depth == 0 ? 0 : O_NOFOLLOW;
-    folder.src_fd.reset(openat(src.folder, src.name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | follow));
-    if (const int error = folder.src_fd ? folder.listing.read(folder.src_fd.get()) : errno) {
+    if (const int error = folder.src_fd ? folder.listing.read(folder.src_fd.get()) : open_error) {
         TSBACKUP_LOG(level::warning, "Failed to scan dir '%s' (%s)\n", src.path, error_text(error).c_str());
         return error;
     }
