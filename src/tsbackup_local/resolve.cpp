@@ -25,6 +25,9 @@ constexpr std::string_view kUsbPort = "usb_port_";
 
 using Path = std::optional<std::string>;
 
+/// The local source that this process resolved last: a job with one resolves it ahead of a destination to be emptied.
+Path resolved_source;
+
 bool begins_with(const JobText &text, std::string_view start) {
     return text && text->compare(0, start.size(), start) == 0;
 }
@@ -168,6 +171,26 @@ Path destination_path(const BackupJob &job, BackupRun &run) {
                       text_or_empty(job.dst_path));
 }
 
+/// Whether `folder` is a path or one of the folders above it, under whatever name.
+bool holds(const std::string &folder, std::string path) {
+    struct stat held {};
+    if (stat(folder.c_str(), &held) != 0) return false;
+    for (; !path.empty(); path.erase(path.rfind('/'))) {
+        struct stat status {};
+        if (stat(path.c_str(), &status) == 0 && status.st_dev == held.st_dev && status.st_ino == held.st_ino)
+            return true;
+    }
+    return false;
+}
+
+/// Empties the destination for a new full backup. One that holds the very source is left as it is.
+void remove_previous_backup(const BackupJob &job, const std::string &path, BackupRun &run) {
+    if (job.src_type != "remote" && resolved_source && holds(path, *resolved_source))
+        TSBACKUP_LOG(level::error, "%s holds the source and is not emptied.\n", path.c_str());
+    else
+        do_rmtree_contents(path.c_str(), run);
+}
+
 Path resolve_destination(const BackupJob &job, BackupRun &run) {
     const Path path = destination_path(job, run);
     if (!path) return std::nullopt;
@@ -184,14 +207,16 @@ Path resolve_destination(const BackupJob &job, BackupRun &run) {
                            text_or_empty(job.dst_path));
         return std::nullopt;
     }
-    if (run.full != 0 && decimal_value(job.opt_remove_previous_backup) != 0) do_rmtree_contents(path->c_str(), run);
+    if (run.full != 0 && decimal_value(job.opt_remove_previous_backup) != 0) remove_previous_backup(job, *path, run);
     return path_normalise(path->c_str());
 }
 
 } // namespace
 
 std::optional<std::string> local_path_resolve(const BackupJob &job, BackupRun &run, Side side) {
-    return side == Side::source ? resolve_source(job, run) : resolve_destination(job, run);
+    if (side == Side::destination) return resolve_destination(job, run);
+    resolved_source = resolve_source(job, run);
+    return resolved_source;
 }
 
 } // namespace tsbackup
