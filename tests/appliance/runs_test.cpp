@@ -21,6 +21,7 @@ using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 using testing::SizeIs;
 using testing::StartsWith;
 
@@ -663,6 +664,39 @@ TEST_F(Runs, RunsOfDifferentJobsGoOnSideBySide) {
     EXPECT_EQ(last_result(kJob), 0);
     EXPECT_TRUE(same_trees("/media/USB", "/vault/Archive/disk"));
     EXPECT_THAT(events.received(), ElementsAre(result_event(8, "Pictures", 0), result_event(kJob, "Pictures", 0)));
+}
+
+// The start of any job deletes every job snapshot, that of a running job included. What a job holds open it still
+// reads.
+TEST_F(Runs, AJobThatLosesItsSnapshotToAnotherOneFailsAndSpoilsNothing) {
+    REQUIRE_VOLUMES();
+    for (const char *folder : {"a", "b/deep", "c"}) {
+        for (int number = 0; number < 500; ++number)
+            write_file(kPictures + "/" + folder + "/" + std::to_string(number), number % 7 == 0 ? "" : "text");
+    }
+    JobFile()
+        .job(kJob, pictures_to_backup())
+        .job(8, pictures_to_backup() + source_usb("1") + destination_share("vault", "Archive"))
+        .write();
+    Program first({"-e", "7"});
+    ASSERT_TRUE(wait_until([&] { return !read_file(std::string(kWorkFolder) + "/backup_007_copy.log").empty(); }));
+    first.signal(SIGSTOP);
+    ASSERT_EQ(last_result(kJob), -1) << "the copy was too quick to be held";
+    ASSERT_EQ(snapshots().size(), 1U);
+    run_program({"-e", "8"});
+    ASSERT_EQ(snapshots().size(), 0U);
+    first.signal(SIGCONT);
+    EXPECT_EQ(first.wait().status, 0);
+    EXPECT_EQ(last_result(kJob), 5);
+    EXPECT_THAT(read_file(error_log_path(kJob)),
+                MatchesRegex("Path /data/._share/Pictures/.snapshot/b_7_[0-9]+ does not exist!\n"));
+    EXPECT_EQ(shell_output("diff -rq " + kPictures + " " + kBackup + "/copy | grep -v '^Only in " + kPictures + "'"),
+              "");
+    EXPECT_EQ(list_folder(kBackup + "/copy/a").size(), 500U);
+
+    run_program({"-e", "7"});
+    EXPECT_EQ(last_result(kJob), 0);
+    EXPECT_EQ(shell_output("diff -r " + kPictures + " " + kBackup + "/copy"), "");
 }
 
 TEST_F(Runs, StaleClaimsAreTakenOver) {

@@ -1,24 +1,21 @@
 #include "aftermath.h"
 
 #include "appliance_support.h"
+#include "job_runs.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <filesystem>
 #include <regex>
 #include <spawn.h>
 #include <sstream>
 #include <stdexcept>
-#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace tsbackup::test {
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -47,17 +44,8 @@ bool has_others(const std::set<pid_t> &known, std::string &example) {
 
 /// Snapshots of jobs on every volume, and what backends make for the time of a job.
 std::set<std::string> left_overs() {
-    std::set<std::string> found;
-    for (const char *volume : {"/data", "/vault"}) {
-        const std::string shares = std::string(volume) + "/._share";
-        if (!file_exists(shares)) continue;
-        for (const std::string &share : list_folder(shares)) {
-            const std::string folder = shares + "/" + share + "/.snapshot";
-            if (!file_exists(folder)) continue;
-            for (const std::string &name : list_folder(folder))
-                found.insert(folder + "/" + name);
-        }
-    }
+    const std::vector<std::string> of_jobs = snapshots();
+    std::set<std::string> found(of_jobs.begin(), of_jobs.end());
     for (const std::string &name : list_folder("/"))
         if (name.starts_with("job_")) found.insert("/" + name);
     for (const char *folder : {"/tmp", "/apps/.backup"})
@@ -74,6 +62,7 @@ std::set<std::string> left_overs() {
 int run_command(const std::vector<std::string> &words) {
     std::vector<std::string> copies = words;
     std::vector<char *> argv;
+    argv.reserve(copies.size() + 1);
     for (std::string &word : copies)
         argv.push_back(word.data());
     argv.push_back(nullptr);
@@ -100,13 +89,6 @@ std::string state_of(int job_id) {
     return content.substr(start, content.find_first_of(",!", start) - start);
 }
 
-int result_of(int job_id) {
-    std::istringstream history(read_file(history_path(job_id)));
-    for (std::string line; std::getline(history, line);)
-        if (line.starts_with("status: ")) return static_cast<int>(std::strtol(line.c_str() + 8, nullptr, 10));
-    return -1;
-}
-
 std::vector<std::string> malformed_error_lines(int job_id) {
     static const std::regex wanted(
         "(Cannot read file|Cannot write file|Cannot create file|Failed to copy file|Failed to get status of file|"
@@ -128,14 +110,23 @@ std::size_t count_of(const std::string &text, const std::string &searched) {
     return count;
 }
 
-Mount::Mount(const std::string &source, const std::string &target, const char *type, unsigned long flags,
-             const std::string &options)
-    : target_(target) {
-    if (mount(source.c_str(), target.c_str(), type, flags, options.c_str()) != 0)
-        throw std::runtime_error("cannot mount " + source + " on " + target + ": " + std::strerror(errno));
+std::string plain_diagnostics(const std::string &text, const std::string &volume, const std::string &share) {
+    std::string plain;
+    for (std::size_t at = 0; at < text.size();) {
+        std::size_t end = text.find('\n', at);
+        end = end == std::string::npos ? text.size() : end + 1;
+        const std::size_t level = text.find(" (", at);
+        const std::size_t start = level < end ? level + 1 : at;
+        plain.append(text, start, end - start);
+        at = end;
+    }
+    const std::string snapshot = "/" + volume + "/._share/" + share + "/.snapshot/b_";
+    for (std::size_t start = 0; (start = plain.find(snapshot)) != std::string::npos;) {
+        const std::size_t end = plain.find_first_not_of("0123456789_", start + snapshot.size());
+        plain.replace(start, end - start, "SNAPSHOT");
+    }
+    return plain;
 }
-
-Mount::~Mount() { umount2(target_.c_str(), MNT_DETACH); }
 
 Baseline::Baseline() : processes_(all_processes()), mounts_(read_file("/proc/self/mounts")), files_(left_overs()) {}
 

@@ -17,9 +17,6 @@ int run_command(const std::vector<std::string> &words);
 /// The state in a job's status file without its prefix ("COMPLETED", "IN_PROGRESS"); empty when there is none.
 std::string state_of(int job_id);
 
-/// The "status:" number of a job's newest history entry; -1 when there is none.
-int result_of(int job_id);
-
 /// The lines of a job's error log that have none of the forms which copying between local folders has. A name with a
 /// line end in it makes such lines.
 std::vector<std::string> malformed_error_lines(int job_id);
@@ -27,18 +24,9 @@ std::vector<std::string> malformed_error_lines(int job_id);
 /// How often a text occurs in another.
 std::size_t count_of(const std::string &text, const std::string &searched);
 
-/// A mount that lasts as long as the object; it is taken away even while it is in use.
-class Mount {
-  public:
-    Mount(const std::string &source, const std::string &target, const char *type, unsigned long flags,
-          const std::string &options = "");
-    ~Mount();
-    Mount(const Mount &) = delete;
-    Mount &operator=(const Mount &) = delete;
-
-  private:
-    std::string target_;
-};
+/// Diagnostics without the "UNIT:LINE " in front of each line; the snapshot of a run of the share is "SNAPSHOT".
+std::string plain_diagnostics(const std::string &text, const std::string &volume = "data",
+                              const std::string &share = "Pictures");
 
 /// Remembers which processes, mounts and temporary files there are.
 class Baseline {
