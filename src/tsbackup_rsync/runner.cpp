@@ -49,6 +49,7 @@ struct Server {
 std::int32_t run_with_retry(const char *caller, const Server &server, std::vector<std::string> &arguments,
                             BackupRun &run) {
     std::vector<char *> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string &argument : arguments)
         argv.push_back(argument.data());
     argv.push_back(nullptr);

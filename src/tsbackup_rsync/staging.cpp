@@ -25,8 +25,9 @@ std::string staging_path(const std::string &parent, const std::string &name) {
 std::string last_component(std::string path) {
     while (!path.empty() && path.back() == '/')
         path.pop_back();
-    const std::string name = path.substr(path.rfind('/') + 1);
-    return name == "." || name == ".." ? "" : name;
+    path.erase(0, path.rfind('/') + 1);
+    if (path == "." || path == "..") path.clear();
+    return path;
 }
 
 /// Makes a folder that is closed to all others. What already stands there, left by an earlier process with the same
@@ -51,7 +52,7 @@ void make_read_only(const std::string &path) {
 } // namespace
 
 std::string staging_name(const BackupJob &job) {
-    const std::string name = last_component(text_or_empty(job.src_path));
+    std::string name = last_component(text_or_empty(job.src_path));
     if (!name.empty()) return name;
     const std::string share = text_or_empty(job.src_share_proto);
     if (job.src_type == "home" && !share.empty() && share.front() == '*') return *job.src_type;

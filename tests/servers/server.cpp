@@ -40,6 +40,13 @@ bool connect_to(int socket_fd, int port) {
     return connect(socket_fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
 }
 
+/// Ends a connection so that the other side learns of it whatever it is doing. The descriptor stays.
+void abort_connection(int socket_fd) {
+    sockaddr none{};
+    none.sa_family = AF_UNSPEC;
+    static_cast<void>(connect(socket_fd, &none, sizeof none));
+}
+
 std::string written(const std::string &name, const std::string &content, mode_t mode = 0644) {
     std::string path = std::string(kFolder) + "/" + name;
     write_file(path, content, mode);
@@ -47,7 +54,10 @@ std::string written(const std::string &name, const std::string &content, mode_t 
 }
 
 std::string rsync_configuration(const std::vector<RsyncModule> &modules) {
-    std::string text = "use chroot = no\nuid = 0\ngid = 0\n";
+    // Small buffers here, too: an rsync that was hung up first takes in what is already on its way to it.
+    const std::string size = std::to_string(kSocketBuffer);
+    std::string text =
+        "use chroot = no\nuid = 0\ngid = 0\nsocket options = SO_SNDBUF=" + size + ",SO_RCVBUF=" + size + "\n";
     for (const auto &[name, lines] : modules) {
         text += "[" + name + "]\n";
         for (const std::string &line : lines)
@@ -131,6 +141,8 @@ Line::~Line() {
     close(listener_);
 }
 
+void Line::refuse() { shutdown(listener_, SHUT_RDWR); }
+
 void Line::add_socket(int socket) { sockets_.push_back(socket); }
 
 void Line::accept_connections() {
@@ -163,23 +175,24 @@ bool Line::pass_on(int to, const char *data, std::size_t size) {
 void Line::relay(int from, int to) {
     const auto start = std::chrono::steady_clock::now();
     std::uint64_t passed = 0;
-    std::array<char, 16 * 1024> piece{};
-    while (true) {
+    std::array<char, std::size_t{16} * 1024> piece{};
+    while (passed < break_after_) {
         const ssize_t got = recv(from, piece.data(), piece.size(), 0);
         while (silent_ && !ended_)
             std::this_thread::sleep_for(10ms);
-        if (got <= 0 || !pass_on(to, piece.data(), static_cast<std::size_t>(got))) break;
+        if (got == 0) {
+            // The end of one direction; the other one may still have something to say.
+            shutdown(to, SHUT_WR);
+            return;
+        }
+        if (got < 0 || !pass_on(to, piece.data(), static_cast<std::size_t>(got))) break;
         passed += static_cast<std::uint64_t>(got);
         passed_ += static_cast<std::uint64_t>(got);
-        if (passed >= break_after_) {
-            shutdown(from, SHUT_RDWR);
-            break;
-        }
         if (bytes_per_second_ > 0)
             std::this_thread::sleep_until(start + std::chrono::microseconds(passed * 1000000 / bytes_per_second_));
     }
-    // The end of one direction; the other one may still have something to say.
-    shutdown(to, passed >= break_after_ ? SHUT_RDWR : SHUT_WR);
+    abort_connection(from);
+    abort_connection(to);
 }
 
 RsyncDaemon::RsyncDaemon(const std::vector<RsyncModule> &modules)

@@ -51,6 +51,8 @@ class Line {
 
     /// Breaks every connection, present and future, that has passed so many bytes on in one direction.
     void break_after(std::uint64_t bytes) { break_after_ = bytes; }
+    /// Refuses connections from now on; those that exist go on.
+    void refuse();
     /// Passes on nothing any more; connections stay.
     void fall_silent() { silent_ = true; }
     /// What has been passed on so far, both directions together.

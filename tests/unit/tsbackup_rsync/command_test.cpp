@@ -16,7 +16,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::ElementsAreArray;
-using testing::IsEmpty;
 
 constexpr long kFat = 0x4d44;
 
@@ -252,6 +251,12 @@ TEST_F(Command, every_option_depends_on_its_condition_alone) {
                 ASSERT_EQ(options_of(at.job, run, at.as_source, at.remote_shell, at.attempt), expected)
                     << "from " << *at.job.src_type << " to " << *at.job.dst_type << ", case " << bits;
             }
+}
+
+TEST_F(Command, a_download_never_crosses_file_systems) {
+    for (const char *type : {"volume", "timemachine", "home"})
+        EXPECT_THAT(options_of(upload_of(type, "*", "a"), BackupRun(), 1, 0, 0),
+                    testing::Contains("--one-file-system"));
 }
 
 TEST_F(Command, option_masks_are_read_like_numbers) {

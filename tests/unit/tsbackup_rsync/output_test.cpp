@@ -314,6 +314,20 @@ TEST_F(Reader, progress_reaches_the_status_file) {
     EXPECT_THAT(status(), MatchesRegex("BACKUP_STATUS__IN_PROGRESS,1!!1700000000!!OK\n(9|10)000!!1[01]!!100000\n"));
 }
 
+TEST_F(Reader, progress_is_written_while_a_file_is_on_its_way) {
+    Kernel kernel;
+    std::vector<std::string> before_waits;
+    kernel.select = [&before_waits](timeval &) -> std::optional<int> {
+        before_waits.push_back(status());
+        return std::nullopt;
+    };
+    LoggedRun run;
+    ASSERT_GT(write(writing_end(), "  50,000 50% 1.2MB/s 0:00:03\r", 30), 0);
+    close_writer();
+    EXPECT_EQ(_parse_output(&run, output()), 0);
+    EXPECT_THAT(before_waits, testing::ElementsAre("", HasSubstr("!!50000\n")));
+}
+
 TEST_F(Reader, the_last_progress_is_written_whatever_the_time) {
     LoggedRun run;
     clock_gettime(CLOCK_MONOTONIC_COARSE, &run.last_write); // a moment ago

@@ -22,6 +22,7 @@ void note(const std::string &path, char *const *texts) {
 
 int main(int, char **argv) {
     // The name under which the system started this program; argv[0] is what the caller says.
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): that is how the system hands it over
     const std::string self = reinterpret_cast<const char *>(getauxval(AT_EXECFN));
     const std::string folder = self.substr(0, self.rfind('/') + 1);
     int call = 1;

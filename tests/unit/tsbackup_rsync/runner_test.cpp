@@ -45,6 +45,11 @@ std::vector<std::string> words(std::initializer_list<std::vector<std::string>> p
     return all;
 }
 
+/// What the error log holds after a transfer with this result.
+std::string failure_of(const std::string &result) {
+    return "Failed to run rsync, return rc " + result + "\n'rsync' command returns rc=" + result + "\n";
+}
+
 class Runner : public testing::Test {
   protected:
     void SetUp() override {
@@ -337,6 +342,7 @@ TEST_F(Runner, a_folder_of_somebody_else_is_no_place_for_staging) {
         [&] { ASSERT_EQ(symlink(elsewhere.path().c_str(), staging_folder().c_str()), 0); },
         [] {
             make_folder(staging_folder());
+            ASSERT_EQ(chmod(staging_folder().c_str(), 0700), 0);
             ASSERT_EQ(chown(staging_folder().c_str(), 65534, 65534), 0);
         },
         [] {
@@ -398,9 +404,7 @@ TEST_F(Runner, results_of_both_attempts) {
             EXPECT_EQ(run.error_code, upload ? test.upload_code : test.download_code);
             const std::string number = std::to_string(test.result);
             EXPECT_EQ(run.error_message.value_or(""), test.result == 0 ? "" : "rsync returns rc=" + number + "\n");
-            EXPECT_EQ(run.errors(), test.result == 0 ? ""
-                                                     : "Failed to run rsync, return rc " + number +
-                                                           "\n'rsync' command returns rc=" + number + "\n");
+            EXPECT_EQ(run.errors(), test.result == 0 ? "" : failure_of(number));
         }
 }
 
@@ -607,7 +611,7 @@ TEST_F(Runner, an_aborted_job_starts_nothing_and_gives_everything_back) {
             job.dst_type = "usb";
             job.dst_share_proto = "usb_port_2";
         }
-        when_aborted([this, &job, upload] {
+        when_aborted([&job, upload] {
             EventReceiver events;
             LoggedRun run;
             if (upload)
