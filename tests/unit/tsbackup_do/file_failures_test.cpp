@@ -356,7 +356,7 @@ void inject(const FaultCase &c) {
         kernel().close = [error](int fd) { return (fcntl(fd, F_GETFL) & O_ACCMODE) == O_WRONLY ? error : 0; };
         break;
     case Fault::memory:
-        kernel().failing_allocation = std::size_t{256} * 1024;
+        kernel().failing_allocation = std::size_t{64} * 1024;
         break;
     }
 }
