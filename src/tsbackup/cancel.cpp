@@ -62,6 +62,12 @@ void settle_file_systems() {
     sync();
 }
 
+/// Ends what a job has left behind when the job itself is gone: a transfer tool can outlive the hang-up and would go on
+/// using the mounts that are about to be taken down. No new group can have the number while such a process lives.
+void end_stragglers(pid_t holder) {
+    if (kill(holder, 0) != 0 && errno == ESRCH) killpg(holder, SIGKILL);
+}
+
 /// Quiet when there is no such folder. It is not looked at first: a remote end that no longer answers would hold that
 /// up.
 void release_mount_point(std::int32_t job_id) {
@@ -90,6 +96,7 @@ void cancel_running(std::int32_t job_id, pid_t holder, std::int32_t now) {
     stop_group(holder);
     const BackupRun run = cancelled_run(job_id, now, last_status);
     settle_file_systems();
+    end_stragglers(holder);
     // A job that was deleted while it ran has neither a history nor a name to report.
     if (job) backup_log_finish(*job, run);
     release_mount_point(job_id);

@@ -54,7 +54,7 @@ std::string written(const std::string &name, const std::string &content, mode_t 
 }
 
 std::string rsync_configuration(const std::vector<RsyncModule> &modules) {
-    // Small buffers here, too: an rsync that was hung up first takes in what is already on its way to it.
+    // Small buffers here, too: on a slow line the daemon is not far ahead of its client.
     const std::string size = std::to_string(kSocketBuffer);
     std::string text =
         "use chroot = no\nuid = 0\ngid = 0\nsocket options = SO_SNDBUF=" + size + ",SO_RCVBUF=" + size + "\n";

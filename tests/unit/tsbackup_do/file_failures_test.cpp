@@ -127,7 +127,7 @@ TEST_F(FileFailure, SourceThatIsNoRegularFileIsSkipped) {
     REQUIRE_VOLUME(Volume::ext4);
     prepare(Volume::ext4, Volume::ext4);
     alarm(20); // a pipe must not be waited for
-    for (const mode_t type : {S_IFDIR, S_IFIFO, S_IFCHR, S_IFSOCK}) {
+    for (const mode_t type : std::initializer_list<mode_t>{S_IFDIR, S_IFIFO, S_IFCHR, S_IFSOCK}) {
         remove_tree(src_ + "/sub/file");
         if (type == S_IFDIR) {
             make_folder(src_ + "/sub/file");

@@ -72,7 +72,7 @@ TEST_P(OnEveryPair, ContentOfEverySizeArrives) {
 }
 
 TEST_P(OnEveryPair, LongerDestinationIsCutAndShorterOneGrows) {
-    for (const std::size_t before : {0, 3, 100'000, 400'000}) {
+    for (const std::size_t before : std::initializer_list<std::size_t>{0, 3, 100'000, 400'000}) {
         write_file(src_ + "/file", pattern(100'000));
         write_file(dst_ + "/file", std::string(before, 'o'));
         EXPECT_EQ(copy("file", "file"), 0);
