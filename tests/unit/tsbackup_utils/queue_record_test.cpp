@@ -38,8 +38,8 @@ class QueueRecord : public testing::Test {
 
     static int send(const QueueSender &sender, const std::string &request) {
         Record record{};
-        std::memcpy(record, request.data(),
-                    request.size()); // NOLINT(bugprone-not-null-terminated-result): the record is no text
+        // NOLINTNEXTLINE(bugprone-not-null-terminated-result): the record is no text
+        std::memcpy(record, request.data(), request.size());
         return queue_record_send(sender, record, static_cast<int>(request.size()));
     }
 
