@@ -62,10 +62,18 @@ void settle_file_systems() {
     sync();
 }
 
+/// Whether a process has ended, collected by its parent or not.
+bool has_ended(pid_t pid) {
+    if (kill(pid, 0) != 0) return errno == ESRCH;
+    const std::string status = read_first_line(("/proc/" + std::to_string(pid) + "/stat").c_str(), 1024).value_or("");
+    const std::size_t name_end = status.rfind(") ");
+    return name_end != std::string::npos && status[name_end + 2] == 'Z';
+}
+
 /// Ends what a job has left behind when the job itself is gone: a transfer tool can outlive the hang-up and would go on
 /// using the mounts that are about to be taken down. No new group can have the number while such a process lives.
 void end_stragglers(pid_t holder) {
-    if (kill(holder, 0) != 0 && errno == ESRCH) killpg(holder, SIGKILL);
+    if (has_ended(holder)) killpg(holder, SIGKILL);
 }
 
 /// Quiet when there is no such folder. It is not looked at first: a remote end that no longer answers would hold that
