@@ -5,6 +5,7 @@
 #include "tsbackup_utils.h"
 #include "wait.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -14,6 +15,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace tsbackup {
 
@@ -62,18 +64,26 @@ void settle_file_systems() {
     sync();
 }
 
-/// Whether a process has ended, collected by its parent or not.
-bool has_ended(pid_t pid) {
-    if (kill(pid, 0) != 0) return errno == ESRCH;
-    const std::string status = read_first_line(("/proc/" + std::to_string(pid) + "/stat").c_str(), 1024).value_or("");
-    const std::size_t name_end = status.rfind(") ");
-    return name_end != std::string::npos && status[name_end + 2] == 'Z';
+/// The processes of a group that have not ended.
+std::vector<pid_t> living_members(pid_t group) {
+    std::vector<pid_t> members;
+    const UniqueDir processes(opendir("/proc"));
+    while (const dirent *entry = processes ? readdir(processes.get()) : nullptr) {
+        const pid_t pid = decimal_value(entry->d_name);
+        if (pid <= 0 || getpgid(pid) != group) continue;
+        const std::string status =
+            read_first_line(str_concat("/proc/", {entry->d_name, "/stat"}).c_str(), 1024).value_or("");
+        const std::size_t name_end = status.rfind(") ");
+        if (name_end != std::string::npos && status[name_end + 2] != 'Z') members.push_back(pid);
+    }
+    return members;
 }
 
 /// Ends what a job has left behind when the job itself is gone: a transfer tool can outlive the hang-up and would go on
-/// using the mounts that are about to be taken down. No new group can have the number while such a process lives.
+/// using the mounts that are about to be taken down. A job that lives on is left alone.
 void end_stragglers(pid_t holder) {
-    if (has_ended(holder)) killpg(holder, SIGKILL);
+    const std::vector<pid_t> members = living_members(holder);
+    if (!members.empty() && std::find(members.begin(), members.end(), holder) == members.end()) killpg(holder, SIGKILL);
 }
 
 /// Quiet when there is no such folder. It is not looked at first: a remote end that no longer answers would hold that
