@@ -2,7 +2,9 @@
 #include "tsbackup/codes.h"
 #include "tsbackup/log.h"
 #include "tsbackup/paths.h"
+#include "tsbackup_cifs.h"
 #include "tsbackup_local.h"
+#include "tsbackup_nfs.h"
 #include "tsbackup_rsync.h"
 #include "tsbackup_utils.h"
 #include "zelkova.h"
@@ -26,12 +28,16 @@ struct ProtocolRow {
 
 /// Drivers that copy from a remote source, one row a protocol.
 constexpr std::initializer_list<ProtocolRow> kRemoteSources = {
+    {"cifs", backup_cifs_to_local},
+    {"nfs", backup_nfs_to_local},
     {"rsync", backup_rsync_to_local},
     {"rsync+ssh", backup_rsync_to_local},
 };
 
 /// Drivers that copy to a remote destination, one row a protocol.
 constexpr std::initializer_list<ProtocolRow> kRemoteDestinations = {
+    {"cifs", backup_local_to_cifs},
+    {"nfs", backup_local_to_nfs},
     {"rsync", backup_local_to_rsync},
     {"rsync+ssh", backup_local_to_rsync},
 };

@@ -8,18 +8,12 @@
 
 namespace tsbackup {
 
-namespace {
-
-/// The start of any job deletes the snapshots of all, those of running jobs included. A copy that lost its source on
-/// the way leaves out what it could no longer read; it must not pass for a complete one.
-void check_source_lasted(const std::string &source, BackupRun &run) {
+void local_source_check(const std::string &source, BackupRun &run) {
     struct stat status {};
     if (!run.snapshot_path || stat(source.c_str(), &status) == 0) return;
     error_log_line(run, "Path %s does not exist!\n", source.c_str());
     TSBACKUP_ERROR_SET(error_code::path_missing, &run, "'%s' not exists", source.c_str());
 }
-
-} // namespace
 
 void backup_local_to_local(const BackupJob &job, BackupRun &run) {
     const auto source = local_path_resolve(job, run, Side::source);
@@ -36,7 +30,7 @@ void backup_local_to_local(const BackupJob &job, BackupRun &run) {
     const auto destination = local_path_resolve(job, run, Side::destination);
     if (destination) {
         backup_do_cp(job, run, source->c_str(), destination->c_str());
-        check_source_lasted(*source, run);
+        local_source_check(*source, run);
     } else {
         TSBACKUP_ERROR_SET(error_code::invalid_destination, &run, "No DST");
     }

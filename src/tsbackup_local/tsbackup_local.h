@@ -27,6 +27,11 @@ std::optional<std::string> usb_storage_lookup(const char *port, const char *sub_
 /// the destination; unknown user; destination that cannot be created) or 5 (source missing).
 std::optional<std::string> local_path_resolve(const BackupJob &job, BackupRun &run, Side side);
 
+/// Called after a copy, before the source is released: records 5 when the source lay in a snapshot that is gone by now.
+/// The start of any job deletes the snapshots of all, those of running jobs included. A copy that lost its source on
+/// the way leaves out what it could no longer read; it must not pass for a complete one.
+void local_source_check(const std::string &source, BackupRun &run);
+
 /// Gives a local end back: deletes the run's snapshot (source side), and asks the platform to eject the USB disk
 /// that holds `local_path` when the job wants it. Reports nothing.
 void local_endpoint_release(const BackupJob &job, BackupRun &run, const std::string &local_path, Side side);

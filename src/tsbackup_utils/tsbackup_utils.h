@@ -107,6 +107,21 @@ int mkdir_p(const std::string &path, mode_t mode);
 const char *unc_split(const char *path, char *host, std::size_t host_size, char *share, std::size_t share_size,
                       int *depth);
 
+// ---- mount point -----------------------------------------------------------------------------------------------
+// Where a job's remote end is mounted: a folder of the root that is there only while it is needed.
+
+/// Creates the folder for a mount, closed to all but its owner; one that is there already will do. 0, or -1 with
+/// `errno` set.
+int mount_point_create(const std::string &mount_point);
+
+/// Unmounts what is mounted there and, only when that succeeded, once more by force what came to light below it.
+/// Nothing is reported; the folder stays.
+void mount_point_unmount(const std::string &mount_point);
+
+/// Whether `path`, relative to the mount point, leads to the mount point or below it: neither by ".." nor by a link
+/// out of what is mounted, as far as it exists. A remote end chooses its links and must not choose local folders.
+bool mount_point_holds(const std::string &mount_point, const std::string &path);
+
 // ---- escape ----------------------------------------------------------------------------------------------------
 
 /// Puts a backslash before every blank, tab, backslash and each of !&()|^<>?*[]$`"'{}. Nothing for a null text.
