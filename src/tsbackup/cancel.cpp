@@ -11,6 +11,8 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <optional>
+#include <sstream>
 #include <string>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -28,9 +30,68 @@ bool is_foreign_group(pid_t holder) { return holder > 1 && holder != getpgrp(); 
 /// Whether signalling a process fails for another reason than that it is gone.
 bool is_out_of_reach(pid_t pid) { return kill(pid, 0) != 0 && errno != ESRCH; }
 
-void stop_group(pid_t holder) {
+/// A process. Its number alone may be another one's by the time it is looked at again.
+struct Process {
+    pid_t pid = -1;
+    pid_t parent = -1;
+    char state = 0;
+    std::string start_time;
+
+    bool operator==(const Process &other) const { return pid == other.pid && start_time == other.start_time; }
+};
+
+/// A process as the kernel shows it now; nothing when there is none, or only its exit status is left.
+std::optional<Process> living_process(pid_t pid) {
+    constexpr int kWordsBetween = 17; // between the parent and the start time
+    const std::string path = "/proc/" + std::to_string(pid) + "/stat";
+    const std::string line = read_first_line(path.c_str(), 1024).value_or("");
+    const std::size_t name_end = line.rfind(") ");
+    if (name_end == std::string::npos) return std::nullopt;
+    std::istringstream words(line.substr(name_end + 2));
+    Process process{.pid = pid};
+    words >> process.state >> process.parent;
+    for (int count = 0; count <= kWordsBetween; ++count)
+        words >> process.start_time;
+    if (!words || process.state == 'Z' || process.state == 'X') return std::nullopt;
+    return process;
+}
+
+std::vector<Process> living_processes() {
+    std::vector<Process> found;
+    const UniqueDir processes(opendir("/proc"));
+    while (const dirent *entry = processes ? readdir(processes.get()) : nullptr) {
+        const pid_t pid = decimal_value(entry->d_name);
+        if (pid <= 0) continue;
+        if (auto process = living_process(pid)) found.push_back(std::move(*process));
+    }
+    return found;
+}
+
+/// What a process has started, directly or not. A tool that runs under a time limit has a group of its own, which no
+/// signal to the job's group reaches.
+std::vector<Process> descendants_of(pid_t ancestor) {
+    const std::vector<Process> all = living_processes();
+    std::vector<Process> found;
+    std::vector<pid_t> parents = {ancestor};
+    while (!parents.empty()) {
+        const pid_t parent = parents.back();
+        parents.pop_back();
+        for (const Process &process : all) {
+            if (process.parent != parent) continue;
+            found.push_back(process);
+            parents.push_back(process.pid);
+        }
+    }
+    return found;
+}
+
+bool is_living(const Process &process) { return living_process(process.pid) == process; }
+
+/// Hangs a job up; what it had started until then.
+std::vector<Process> stop_group(pid_t holder) {
     TSBACKUP_LOG(level::notice, "killpg(%d,SIGHUP)\n", holder);
     sync();
+    std::vector<Process> started = descendants_of(holder);
     killpg(holder, SIGHUP);
     wait_seconds(1);
 
@@ -42,6 +103,7 @@ void stop_group(pid_t holder) {
         if (is_out_of_reach(holder)) TSBACKUP_LOG(level::error, "Cannot kill pid=%d errno=%d\n", holder, errno);
     }
     TSBACKUP_LOG(level::notice, "Backup job killed pid=%d\n", holder);
+    return started;
 }
 
 /// The record of the run that was stopped, as far as its last status line tells.
@@ -67,23 +129,27 @@ void settle_file_systems() {
 /// The processes of a group that have not ended.
 std::vector<pid_t> living_members(pid_t group) {
     std::vector<pid_t> members;
-    const UniqueDir processes(opendir("/proc"));
-    while (const dirent *entry = processes ? readdir(processes.get()) : nullptr) {
-        const pid_t pid = decimal_value(entry->d_name);
-        if (pid <= 0 || getpgid(pid) != group) continue;
-        const std::string status =
-            read_first_line(str_concat("/proc/", {entry->d_name, "/stat"}).c_str(), 1024).value_or("");
-        const std::size_t name_end = status.rfind(") ");
-        if (name_end != std::string::npos && status[name_end + 2] != 'Z') members.push_back(pid);
-    }
+    for (const Process &process : living_processes())
+        if (getpgid(process.pid) == group) members.push_back(process.pid);
     return members;
 }
 
 /// Ends what a job has left behind when the job itself is gone: a transfer tool can outlive the hang-up and would go on
-/// using the mounts that are about to be taken down. A job that lives on is left alone.
-void end_stragglers(pid_t holder) {
+/// using the mounts that are about to be taken down, a mount command would make one afterwards. A job that lives on is
+/// left alone.
+void end_stragglers(pid_t holder, std::vector<Process> started) {
     const std::vector<pid_t> members = living_members(holder);
-    if (!members.empty() && std::find(members.begin(), members.end(), holder) == members.end()) killpg(holder, SIGKILL);
+    if (std::find(members.begin(), members.end(), holder) != members.end()) return;
+    if (!members.empty()) killpg(holder, SIGKILL);
+
+    constexpr int kLongestWait = 10; // seconds; a mount that the kernel is busy with ends its process only then
+    for (int waited = 0;; ++waited) {
+        std::erase_if(started, [](const Process &process) { return !is_living(process); });
+        if (started.empty() || waited == kLongestWait) return;
+        for (const Process &process : started)
+            kill(process.pid, SIGKILL);
+        wait_seconds(1);
+    }
 }
 
 /// Quiet when there is no such folder. It is not looked at first: a remote end that no longer answers would hold that
@@ -111,10 +177,10 @@ void cancel_running(std::int32_t job_id, pid_t holder, std::int32_t now) {
     queue_request_send("dequeue:%d\n", job_id);
     const std::unique_ptr<BackupJob> job = backup_job_load(job_id);
 
-    stop_group(holder);
+    const std::vector<Process> started = stop_group(holder);
     const BackupRun run = cancelled_run(job_id, now, last_status);
     settle_file_systems();
-    end_stragglers(holder);
+    end_stragglers(holder, started);
     // A job that was deleted while it ran has neither a history nor a name to report.
     if (job) backup_log_finish(*job, run);
     release_mount_point(job_id);

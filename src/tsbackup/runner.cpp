@@ -1,3 +1,4 @@
+#include "run_start.h"
 #include "tsbackup.h"
 #include "tsbackup/codes.h"
 #include "tsbackup/log.h"
@@ -12,11 +13,9 @@
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <ctime>
 #include <fcntl.h>
 #include <string>
 #include <sys/stat.h>
-#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace tsbackup {
@@ -28,8 +27,6 @@ constexpr int kHardwareWithCardSlot = 23;
 
 /// Owner and group of a copied tree when its folder cannot be examined.
 constexpr int kFallbackOwner = 98;
-
-std::int32_t now() { return static_cast<std::int32_t>(std::time(nullptr)); }
 
 void sleep_minutes(std::int32_t minutes) {
     unsigned left = std::min(static_cast<unsigned>(minutes), UINT_MAX / 60) * 60;
@@ -43,25 +40,12 @@ void wake_remote(const BackupJob &job, std::int32_t start_time) {
     const int result = send_wol_packet(job.wol_addr->c_str());
     const std::int32_t minutes = decimal_value(job.time_to_wait);
     if (result == 0 && minutes > 0) {
-        backup_status_write(job.job_id, BackupStatusCode::wol_waking, static_cast<std::uint32_t>(start_time), 0);
+        backup_status_write(job.job_id, BackupStatusCode::wol_waking, stamp(start_time), 0);
         sleep_minutes(minutes);
         return;
     }
     // Kept: this line also follows a packet that was sent when no wait is configured, with a result of 0.
     TSBACKUP_LOG(level::error, "Fail to send WOL packet. (rc:%d)\n", result);
-}
-
-/// Starts the run's clock; false when it cannot be read.
-bool start_clock(BackupRun &run) {
-    run.clock_failed = clock_gettime(CLOCK_MONOTONIC_COARSE, &run.started);
-    run.last_write = run.started;
-    return run.clock_failed == 0;
-}
-
-void note_root_file_system(BackupRun &run) {
-    struct statfs status {};
-    if (statfs("/", &status) != 0) return;
-    run.root_fsid = {status.f_fsid.__val[0], status.f_fsid.__val[1]};
 }
 
 /// The two logs of a run. While they are open, the run and the hang-up handler know them.
@@ -141,8 +125,6 @@ void hand_over(const Ownership &ownership) {
     if (result != 0) TSBACKUP_LOG(level::error, "Chown error,the errono is %d\n", errno);
 }
 
-std::uint32_t stamp(std::int32_t time) { return static_cast<std::uint32_t>(time); }
-
 /// Whether one of the jobs shows a failed run.
 bool any_failed(const std::vector<std::int32_t> &jobs) {
     return std::any_of(jobs.begin(), jobs.end(), [](std::int32_t job_id) {
@@ -157,12 +139,11 @@ void button_summary() {
     if (jobs.empty()) {
         struct sys_info info {};
         get_sys_info(&info);
-        if (info.hardware_type == kHardwareWithCardSlot)
-            TSBACKUP_LOG(level::error, "SD-card jobs are not part of this build.\n");
+        if (info.hardware_type == kHardwareWithCardSlot) sd_card_run(0);
         return;
     }
 
-    const std::int32_t start_time = now();
+    const std::int32_t start_time = wall_clock();
     backup_status_write(0, BackupStatusCode::in_progress, stamp(start_time), 0);
     const bool failed = any_failed(jobs);
     backup_status_write(0, failed ? BackupStatusCode::failed : BackupStatusCode::completed, stamp(start_time), 0);
@@ -187,7 +168,7 @@ void job_entry(std::int32_t job_id) {
 }
 
 std::int32_t job_run(std::int32_t job_id, std::int32_t by_button) {
-    const std::int32_t start_time = now();
+    const std::int32_t start_time = wall_clock();
     std::unique_ptr<BackupJob> job = backup_job_load(job_id);
     if (!job) {
         TSBACKUP_LOG(level::error, "Job_id %d is not found\n", job_id);
@@ -197,13 +178,13 @@ std::int32_t job_run(std::int32_t job_id, std::int32_t by_button) {
 
     BackupRun run;
     run.start_time = start_time;
-    if (!start_clock(run)) {
+    if (!run_clock_start(run)) {
         TSBACKUP_LOG(level::error, "Job_id %d clock_gettime failed!\n", job_id);
         return -1;
     }
     run.by_button = by_button;
     run.job_id = job_id;
-    note_root_file_system(run);
+    run_root_file_system_note(run);
 
     RunLogs logs(run);
     if (!logs.open()) return -1;

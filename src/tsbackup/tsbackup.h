@@ -101,6 +101,14 @@ std::unique_ptr<BackupJob> backup_job_load(std::int32_t job_id);
 /// none or the file cannot be read.
 std::vector<std::int32_t> button_jobs_load();
 
+// ---- SD card ---------------------------------------------------------------------------------------------------
+
+/// Copies the first enabled SD card of the table of USB storage into a folder named after it in the share that the
+/// media server publishes, as a run of job 0: its status, history, last-full record and events are those of the
+/// button's summary. Without such a card nothing is written or told; without a share to copy to the run has failed.
+/// `job_id`: always 0.
+void sd_card_run(std::int32_t job_id);
+
 // ---- runner ----------------------------------------------------------------------------------------------------
 
 /// The worker's whole task: claims the job and runs it; job 0 sums up the button jobs.

@@ -20,7 +20,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr char kQueuePipe[] = "/var/run/zelkovad/tsbackup-q";
 constexpr std::size_t kRecordSize = 128;
 constexpr std::uint16_t kWakePort = 9;
 
@@ -28,7 +27,7 @@ std::string in_quotes(const std::string &text) { return "'" + text + "'"; }
 
 } // namespace
 
-RequestQueue::RequestQueue() : pipe_(open(kQueuePipe, O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {
+RequestQueue::RequestQueue(const std::string &pipe) : pipe_(open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {
     if (pipe_ < 0) throw std::runtime_error("cannot read the queue's pipe");
 }
 

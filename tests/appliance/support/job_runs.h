@@ -17,10 +17,10 @@ inline constexpr const char *kOrderLog = ORDER_LOG;
 inline constexpr char kWorkFolder[] = "/apps/.backup";
 inline constexpr char kLogFolder[] = "/var/log/tessera/backup";
 
-/// Holds the reading end of the job queue's pipe, as the queue daemon does.
+/// Holds the reading end of a queue's pipe, as its daemon does.
 class RequestQueue {
   public:
-    RequestQueue();
+    explicit RequestQueue(const std::string &pipe = "/var/run/zelkovad/tsbackup-q");
     ~RequestQueue();
     RequestQueue(const RequestQueue &) = delete;
     RequestQueue &operator=(const RequestQueue &) = delete;
