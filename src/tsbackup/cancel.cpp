@@ -48,7 +48,8 @@ std::optional<Process> living_process(pid_t pid) {
     const std::size_t name_end = line.rfind(") ");
     if (name_end == std::string::npos) return std::nullopt;
     std::istringstream words(line.substr(name_end + 2));
-    Process process{.pid = pid};
+    Process process;
+    process.pid = pid;
     words >> process.state >> process.parent;
     for (int count = 0; count <= kWordsBetween; ++count)
         words >> process.start_time;
@@ -142,13 +143,15 @@ void end_stragglers(pid_t holder, std::vector<Process> started) {
     if (std::find(members.begin(), members.end(), holder) != members.end()) return;
     if (!members.empty()) killpg(holder, SIGKILL);
 
-    constexpr int kLongestWait = 10; // seconds; a mount that the kernel is busy with ends its process only then
+    // A mount that the kernel is busy with ends its process only once it is made or has failed.
+    constexpr int kLongestWait = 200;
+    constexpr useconds_t kStep = 50'000;
     for (int waited = 0;; ++waited) {
         std::erase_if(started, [](const Process &process) { return !is_living(process); });
         if (started.empty() || waited == kLongestWait) return;
         for (const Process &process : started)
             kill(process.pid, SIGKILL);
-        wait_seconds(1);
+        usleep(kStep);
     }
 }
 
@@ -156,7 +159,8 @@ void end_stragglers(pid_t holder, std::vector<Process> started) {
 /// up.
 void release_mount_point(std::int32_t job_id) {
     const std::string mount_point = paths::mount_point(job_id);
-    if (umount(mount_point.c_str()) != 0) umount2(mount_point.c_str(), MNT_FORCE);
+    if (umount(mount_point.c_str()) != 0 && umount2(mount_point.c_str(), MNT_FORCE) != 0)
+        umount2(mount_point.c_str(), MNT_DETACH); // a job that still waits for its server uses it to its end
     rmdir(mount_point.c_str());
 }
 

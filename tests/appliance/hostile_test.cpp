@@ -234,7 +234,11 @@ TEST_F(Hostile, NamesThatLeadElsewhereAreRefused) {
 
 TEST_F(Hostile, RemoteFieldsStartNothing) {
     write_file("/data/Pictures/file", "content");
+    const StandIn nfs("/sbin/mount.nfs", "exit 32");
     const char *hostile = "$(touch /pwned)`touch /pwned`;touch /pwned;\ntouch /pwned\n'\"|touch /pwned&";
+    const auto path_of = [](const std::string &protocol, const std::string &host) {
+        return protocol.starts_with("cifs") ? "//" + host + "/m/" : host + ":/m/";
+    };
     for (const char *protocol : {"cifs", "cifs-ab", "nfs", "ftp", "http", "rsync", "rsync+ssh"}) {
         for (const std::string &host : {std::string("-oProxyCommand=touch /pwned"), std::string(hostile)}) {
             for (const bool upload : {false, true}) {
@@ -242,7 +246,7 @@ TEST_F(Hostile, RemoteFieldsStartNothing) {
                 const std::string side = upload ? "dst" : "src";
                 const Settings remote{{side + "_type", "remote"},
                                       {side + "_share_proto", protocol},
-                                      {side + "_path", host + ":/m/" + hostile},
+                                      {side + "_path", path_of(protocol, host) + hostile},
                                       {side + "_login", hostile},
                                       {side + "_password", hostile},
                                       {side + "_port", hostile},
@@ -255,6 +259,40 @@ TEST_F(Hostile, RemoteFieldsStartNothing) {
                 EXPECT_FALSE(file_exists(kTrace));
             }
         }
+    }
+}
+
+TEST_F(Hostile, FieldsOfMountedRemotesStartNothing) {
+    write_file("/data/Pictures/file", "content");
+    // The real one asks a server that does not answer again and again, for minutes.
+    const StandIn nfs("/sbin/mount.nfs", "exit 32");
+    // Each is short enough to pass every cut-off, and would make the trace by itself. A "/" would end a host's name.
+    for (const std::string piece : {"$(touch pwned)", "`touch pwned`", ";touch pwned;", "\ntouch pwned\n",
+                                    "&touch pwned&", "x|touch pwned|x", ">pwned", "-o bind"}) {
+        const std::pair<const char *, std::string> ends[] = {
+            {"cifs", "//" + piece + "/" + piece + "/" + piece},
+            {"cifs", "\\\\" + piece + "\\" + piece + "\\" + piece},
+            {"cifs", "//127.0.0.1/" + piece},
+            {"nfs", piece + ":/" + piece},
+            {"nfs", "127.0.0.1:/" + piece + "/" + piece},
+        };
+        for (const auto &[protocol, path] : ends)
+            for (const std::string side : {"src", "dst"}) {
+                SCOPED_TRACE(side + " " + protocol + " " + path);
+                const Settings remote{{side + "_type", "remote"},
+                                      {side + "_share_proto", protocol},
+                                      {side + "_path", path},
+                                      {side + "_login", piece + "\\" + piece},
+                                      {side + "_password", piece}};
+                const Settings local = side == "dst" ? source_share("data", "Pictures") : destination_usb("1", "copy");
+                JobFile().job(kJob, incremental(remote + local)).write();
+                const Baseline baseline;
+                EXPECT_EQ(run_program({"-e", "7"}).status, 0);
+                EXPECT_EQ(state_of(kJob), "FAILED");
+                EXPECT_FALSE(file_exists(kTrace));
+                rmdir("/job_007"); // what may be left of an export that could not be mounted
+                EXPECT_TRUE(baseline.restored());
+            }
     }
 }
 
