@@ -231,12 +231,29 @@ int source_type(CopyTask &task, const FolderFacts &facts, long &type) {
     return 0;
 }
 
+/// Gives a file's owner the right to write to it. False when that is not what is missing.
+bool make_writable(const Place &place) {
+    struct stat status {};
+    return fstatat(place.folder, place.name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(status.st_mode) &&
+           (status.st_mode & S_IWUSR) == 0 && fchmodat(place.folder, place.name, status.st_mode | S_IWUSR, 0) == 0;
+}
+
+/// Opens the destination for writing. On a share the server refuses a file that nobody may write to, whoever asks: the
+/// copy of such a file would never be renewed. On a disk of the appliance that cannot happen.
+UniqueFd create_destination(const Place &place) {
+    UniqueFd fd(open_regular(place, O_WRONLY | O_CREAT, 0666));
+    if (fd || errno != EACCES) return fd;
+    if (make_writable(place)) return UniqueFd(open_regular(place, O_WRONLY | O_CREAT, 0666));
+    errno = EACCES;
+    return fd;
+}
+
 /// Creates or empties the destination and fills `status`. An empty owner and `errno` on failure.
 ///
 /// The file is examined before it is emptied: what is no regular file takes no copy, and a destination that is the
 /// very source would lose its content. Both are EINVAL in `refusal`.
 UniqueFd open_destination(const CopyTask &task, struct stat &status, int &refusal) {
-    UniqueFd fd(open_regular(task.dst, O_WRONLY | O_CREAT, 0666));
+    UniqueFd fd = create_destination(task.dst);
     if (!fd) return fd;
     if (fstat(fd.get(), &status) != 0) return UniqueFd();
     const bool is_source = status.st_dev == task.src_status->st_dev && status.st_ino == task.src_status->st_ino;

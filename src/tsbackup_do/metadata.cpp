@@ -18,6 +18,7 @@ namespace {
 
 constexpr char kAccessList[] = "system.posix_acl_access";
 constexpr mode_t kPermissionBits = 07777;
+constexpr mode_t kWriteBits = S_IWUSR | S_IWGRP | S_IWOTH;
 
 struct AclRelease {
     void operator()(void *list) const { acl_free(list); }
@@ -91,7 +92,11 @@ void apply_metadata(const struct stat &source, const char *source_path, int sour
     // owner and a mode without these bits spare this call.
     const bool same_mode = same_owner && (source.st_mode & (S_ISUID | S_ISGID)) == 0 &&
                            ((known->st_mode ^ source.st_mode) & kPermissionBits) == 0;
-    if (!same_mode) copy_mode(source, target);
+    if (!same_mode) {
+        copy_mode(source, target);
+        // To an SMB server a file that nobody may write turns read-only, and can get back the time of its writing.
+        if (target.fd < 0 && (source.st_mode & kWriteBits) == 0) copy_times(source, target);
+    }
     copy_access_list(source_path, source_fd, target);
     if (S_ISDIR(source.st_mode)) copy_default_list(source_path, source_fd, target);
 }

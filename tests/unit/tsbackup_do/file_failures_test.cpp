@@ -8,9 +8,11 @@
 #include <cstring>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <linux/capability.h>
 #include <ostream>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace tsbackup::test {
@@ -36,6 +38,24 @@ std::ostream &operator<<(std::ostream &stream, const Outcome &outcome) {
 }
 
 std::string text_of(int error) { return strerrordesc_np(error); }
+
+/// While it lives, root is bound by the modes of files like anybody else, as it is on a server's share.
+class BoundByModes {
+  public:
+    BoundByModes() {
+        EXPECT_EQ(syscall(SYS_capget, &header_, data_.data()), 0);
+        std::array<__user_cap_data_struct, 2> bound = data_;
+        bound[0].effective &= ~(1U << CAP_DAC_OVERRIDE);
+        EXPECT_EQ(syscall(SYS_capset, &header_, bound.data()), 0);
+    }
+    ~BoundByModes() { syscall(SYS_capset, &header_, data_.data()); }
+    BoundByModes(const BoundByModes &) = delete;
+    BoundByModes &operator=(const BoundByModes &) = delete;
+
+  private:
+    __user_cap_header_struct header_{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, 2> data_{};
+};
 
 /// A tree "src" with one file "sub/file", an empty folder "dst/sub" and a copy of the one to the other.
 class FileFailure : public EngineTest {
@@ -97,6 +117,34 @@ Outcome failed(int result, const std::string &first_failures, std::int32_t code,
 Outcome not_created(int error) {
     return {error, "Cannot create file 'DST/sub/file' (error: " + text_of(error) + ")!\n", 13,
             "Destination is Read-Only.", "(error) Cannot create file DST/sub/file (" + std::to_string(error) + ")\n"};
+}
+
+// ---- the destination's mode ----
+
+TEST_F(FileFailure, ACopyThatNobodyMayWriteIsRenewedWhereModesBind) {
+    REQUIRE_VOLUME(Volume::ext4);
+    prepare(Volume::ext4, Volume::ext4);
+    write_file(dst_ + "/sub/file", "an earlier copy");
+    for (const std::string &path : {src_ + "/sub/file", dst_ + "/sub/file"})
+        ASSERT_EQ(chmod(path.c_str(), 0444), 0);
+    const BoundByModes bound;
+    ASSERT_EQ(open((dst_ + "/sub/file").c_str(), O_WRONLY | O_CLOEXEC), -1);
+    EXPECT_EQ(copy(), (Outcome{0, "", 0, "(none)", ""}));
+    EXPECT_TRUE(read_file(dst_ + "/sub/file") == read_file(src_ + "/sub/file"));
+    struct stat status {};
+    ASSERT_EQ(stat((dst_ + "/sub/file").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0444U);
+}
+
+TEST_F(FileFailure, AFolderThatNobodyMayWriteStaysWithoutTheCopy) {
+    REQUIRE_VOLUME(Volume::ext4);
+    prepare(Volume::ext4, Volume::ext4);
+    ASSERT_EQ(chmod((dst_ + "/sub").c_str(), 0555), 0);
+    {
+        const BoundByModes bound;
+        EXPECT_EQ(copy(), not_created(EACCES));
+    }
+    expect_next_run_mends_it();
 }
 
 // ---- the source ----
