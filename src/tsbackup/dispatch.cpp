@@ -3,6 +3,7 @@
 #include "tsbackup/log.h"
 #include "tsbackup/paths.h"
 #include "tsbackup_cifs.h"
+#include "tsbackup_http.h"
 #include "tsbackup_local.h"
 #include "tsbackup_nfs.h"
 #include "tsbackup_rsync.h"
@@ -29,7 +30,9 @@ struct ProtocolRow {
 /// Drivers that copy from a remote source, one row a protocol.
 constexpr std::initializer_list<ProtocolRow> kRemoteSources = {
     {"cifs", backup_cifs_to_local},
+    {"cifs-ab", backup_cifsab_to_local},
     {"nfs", backup_nfs_to_local},
+    {"http", backup_http_to_local},
     {"rsync", backup_rsync_to_local},
     {"rsync+ssh", backup_rsync_to_local},
 };

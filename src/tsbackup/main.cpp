@@ -5,6 +5,7 @@
 #include "tsbackup/owners.h"
 #include "tsbackup/paths.h"
 #include "tsbackup_error.h"
+#include "tsbackup_mtp.h"
 #include "tsbackup_utils.h"
 #include "zelkova.h"
 
@@ -79,16 +80,14 @@ void enqueue(std::int32_t job_id) {
     queue_request_send("enqueue:%d", job_id);
 }
 
-void camera_import_missing() { TSBACKUP_LOG(level::error, "Camera import is not part of this build.\n"); }
-
-void camera_arrival() { camera_import_missing(); }
-
-void camera_import(const ImportArguments &) { camera_import_missing(); }
+void camera_import(const ImportArguments &import) {
+    perform_mtpbackup(import.kind, import.bus, import.device, import.name);
+}
 
 void hand_over(const CommandLine &line, std::int32_t job_id, const ImportArguments &import) {
     if (line.kill) return job_cancel(job_id);
     if (line.execute) return execute(job_id);
-    if (line.arrival_hook) return camera_arrival();
+    if (line.arrival_hook) return static_cast<void>(camera_arrival());
     if (line.import_worker) return camera_import(import);
     enqueue(job_id);
 }

@@ -22,4 +22,12 @@ void backup_cifs_to_local(const BackupJob &job, BackupRun &run);
 /// record. Sets the run's `no_chown` when the share keeps no owners.
 void backup_local_to_cifs(const BackupJob &job, BackupRun &run);
 
+/// Fetches a share, or a folder of it, as an archive and unpacks it at a local end: all files on a full run, those
+/// whose archive bit is set on an incremental one. Both reset the bits on the server.
+///
+/// Records 1 (malformed remote path, no connection), 6 (smbclient or tar failed, a file could not be read), 7 (log-in
+/// or access refused), 8 (no space left) and 99 (any other status of the server), besides what resolving the local end
+/// records. Owners and access lists do not travel.
+void backup_cifsab_to_local(const BackupJob &job, BackupRun &run);
+
 } // namespace tsbackup

@@ -21,6 +21,7 @@ namespace tsbackup {
 namespace {
 
 constexpr int kNotExecuted = 100;
+constexpr int kShellNotExecuted = 127;
 constexpr int kLastClosedDescriptor = 254;
 
 /// A disposition of SIGPIPE that holds as long as the object.
@@ -147,6 +148,18 @@ std::int32_t wait_for(pid_t child) {
     return WIFSIGNALED(status) ? -2 : WEXITSTATUS(status);
 }
 
+void log_command(const char *command) { TSBACKUP_LOG(level::debug, "cmd=%s\n", command); }
+
+/// The child's side of a shell that ignores hang-ups, as all that it starts does.
+[[noreturn]] void run_shell_past_hang_up(const char *command) {
+    std::signal(SIGHUP, SIG_IGN);
+    std::signal(SIGPIPE, SIG_DFL);
+    const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (nothing > STDIN_FILENO) dup2(nothing, STDIN_FILENO);
+    execl("/bin/sh", "sh", "-c", command, nullptr);
+    _exit(kShellNotExecuted);
+}
+
 } // namespace
 
 std::int32_t _backup_execvp(const char *file, const char *stdin_text, char *stderr_buf, std::size_t stderr_buf_size,
@@ -199,7 +212,7 @@ std::int32_t _backup_execvp(const char *file, const char *stdin_text, char *stde
 }
 
 std::int32_t backup_system(const char *command) {
-    TSBACKUP_LOG(level::debug, "cmd=%s\n", command);
+    log_command(command);
     std::FILE *shell = nullptr;
     {
         // The shell hands its disposition on to the commands of a pipeline, which end by this signal.
@@ -207,6 +220,15 @@ std::int32_t backup_system(const char *command) {
         shell = popen(command, "we");
     }
     return shell != nullptr ? pclose(shell) : -1;
+}
+
+std::int32_t backup_system_past_hang_up(const char *command) {
+    log_command(command);
+    const pid_t shell = fork();
+    if (shell == 0) run_shell_past_hang_up(command);
+    int status = -1;
+    if (shell > 0 && TEMP_FAILURE_RETRY(waitpid(shell, &status, 0)) != shell) status = -1;
+    return status;
 }
 
 std::int32_t backup_systemf(const char *format, ...) {

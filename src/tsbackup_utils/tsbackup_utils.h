@@ -172,7 +172,11 @@ std::int32_t _backup_execvp(const char *file, const char *stdin_text, char *stde
 /// The command is logged at debug level: it must never hold a password.
 std::int32_t backup_system(const char *command);
 
-/// The same for a formatted command, cut at 2047 characters.
+/// The same, but a hang-up reaches neither the shell nor what it starts: for a tool that does not end by it. An abort
+/// of the job must end them in another way (`backup_abort_ends_group`).
+std::int32_t backup_system_past_hang_up(const char *command);
+
+/// The first one for a formatted command, cut at 2047 characters.
 [[gnu::format(printf, 1, 2)]] std::int32_t backup_systemf(const char *format, ...);
 
 /// Sets the soft and the hard limit of a core file to so many MiB; a negative number means 0.
@@ -191,6 +195,16 @@ void backup_status_write(std::int32_t job_id, BackupStatusCode code, std::uint32
 /// the file is missing or empty.
 std::optional<std::string> backup_status_read(std::int32_t job_id);
 
+/// What a status line says.
+struct BackupStatus {
+    BackupStatusCode code = BackupStatusCode::in_progress;
+    std::int32_t timestamp = 0; ///< seconds since the epoch
+    std::int32_t full = 0;      ///< of a run in progress: 1 full, 0 incremental, negative: undecided
+};
+
+/// Reads a status line (without its line end); nothing for any other text.
+std::optional<BackupStatus> backup_status_parse(const std::string &line);
+
 /// What a camera import has to do and has done.
 struct MtpBackupStatistics {
     std::uint64_t total_bytes = 0;
@@ -204,6 +218,16 @@ struct MtpBackupStatistics {
 void mtpbackup_status_write(const char *device, MtpBackupStatusCode code, std::int32_t timestamp,
                             const MtpBackupStatistics &statistics);
 
+/// What the status line of a camera's import says.
+struct MtpBackupStatus {
+    MtpBackupStatusCode code = MtpBackupStatusCode::active_copying;
+    std::int32_t timestamp = 0;
+    MtpBackupStatistics statistics;
+};
+
+/// Reads such a line (without its line end); nothing for any other text.
+std::optional<MtpBackupStatus> mtpbackup_status_parse(const std::string &line);
+
 // ---- progress --------------------------------------------------------------------------------------------------
 
 /// Whole seconds from `earlier` to `now`: the floor of the true difference. `earlier` is rewritten in place to the
@@ -214,6 +238,16 @@ std::int64_t whole_seconds_between(const timespec &now, timespec &earlier);
 /// Writes the in-progress line and the progress line over the start of the job's status file. The file is not
 /// truncated: the end of a longer content stays behind, and readers take the first two lines. Null: nothing.
 void backup_progress_write(BackupRun *run);
+
+/// What a progress line says.
+struct BackupProgress {
+    std::int32_t rate = 0;    ///< bytes per second
+    std::int32_t elapsed = 0; ///< seconds
+    std::int64_t bytes = 0;
+};
+
+/// Reads a progress line (without its line end); nothing for any other text.
+std::optional<BackupProgress> backup_progress_parse(const std::string &line);
 
 /// Counts the run's bytes into a rate and writes the progress, but only when strictly more than `interval` whole
 /// seconds have passed since the last write (0: always), and never within the first second of the transfer.

@@ -296,6 +296,36 @@ TEST_F(Hostile, FieldsOfMountedRemotesStartNothing) {
     }
 }
 
+TEST_F(Hostile, FieldsOfFetchedRemotesStartNothing) {
+    for (const std::string piece :
+         {"$(touch pwned)", "`touch pwned`", ";touch pwned;", "\ntouch pwned\n", "&touch pwned&", "x|touch pwned|x",
+          ">pwned", "--output-document=/pwned", "-O /pwned", "--command=!touch /pwned", "-c !touch pwned",
+          "--use-askpass=/bin/touch", "x\nuse_askpass=/opt/touch\n", "x\noutput_document=/pwned\n"}) {
+        const std::pair<const char *, std::string> ends[] = {
+            {"http", piece},
+            {"http", "http://" + piece + "/" + piece},
+            {"http", "127.0.0.1/" + piece},
+            {"cifs-ab", "//" + piece + "/" + piece + "/" + piece},
+            {"cifs-ab", "\\\\" + piece + "\\" + piece + "\\" + piece},
+            {"cifs-ab", "//127.0.0.1/" + piece},
+            {"cifs-ab", "//127.0.0.1/share/" + piece},
+        };
+        write_file("/opt/touch", "#!/bin/sh\ntouch /pwned\n", 0755);
+        for (const auto &[protocol, path] : ends) {
+            SCOPED_TRACE(std::string(protocol) + " " + path);
+            const Settings remote{{"src_type", "remote"},    {"src_share_proto", protocol}, {"src_path", path},
+                                  {"src_port", "1" + piece}, {"src_login", piece},          {"src_password", piece}};
+            JobFile().job(kJob, incremental(remote + destination_usb("1", piece))).write();
+            const Baseline baseline;
+            EXPECT_EQ(run_program({"-e", "7"}).status, 0);
+            EXPECT_EQ(state_of(kJob), "FAILED");
+            EXPECT_FALSE(file_exists(kTrace));
+            EXPECT_TRUE(baseline.restored());
+        }
+    }
+    remove_tree("/opt/touch");
+}
+
 TEST_F(Hostile, ALongJobNameIsCutInTheEventAndEscapedEverywhere) {
     write_file("/data/Pictures/file", "content");
     std::string name = "\"<&>'";

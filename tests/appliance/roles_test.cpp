@@ -289,9 +289,45 @@ TEST_F(Roles, CameraRolesNeitherEnqueueNorRunAJob) {
     }
 }
 
-TEST_F(Roles, CameraRolesSayThatTheyAreMissing) {
-    for (const char *role : {"-s", "-m"})
-        EXPECT_EQ(told(run_program({role, "3"})), "tsbackup (error) Camera import is not part of this build.\n");
+TEST_F(Roles, CameraRolesDoNothingWhileImportIsDisabled) {
+    for (const std::vector<std::string> &arguments :
+         std::vector<std::vector<std::string>>{{"-s", "3"}, {"-m", "3"}, {"-m", "1", "001", "005", "Camera"}}) {
+        std::vector<std::string> verbose = arguments;
+        verbose.insert(verbose.begin() + 1, {"-v", "7"});
+        EXPECT_EQ(told(run_program(arguments)), "");
+        EXPECT_EQ(told(run_program(verbose)), "tsbackup_mtp (info) Automatically media backup is disabled.\n");
+    }
+    EXPECT_THAT(list_folder(kLogFolder), IsEmpty());
+}
+
+TEST_F(Roles, CameraRolesAreHandedOver) {
+    write_file("/etc/default/services", "ANTIVIRUS=0\nMTPBACKUP=1\n");
+    const std::string arrival = "tsbackup_mtp (error) NOT PTP/MTP device?\n";
+    const std::string missing = "tsbackup_mtp (error) Invaild input for perform_mtpbackup\n";
+    const struct {
+        std::vector<std::string> arguments;
+        std::string told;
+    } cases[] = {
+        {{"-s", "3"}, arrival},
+        {{"-m", "-s", "3"}, arrival},
+        {{"-s", "-m", "3", "b", "c"}, arrival},
+        {{"-m", "3"}, missing},
+        {{"-m", "1", "001", "005"}, missing},
+        // The worker takes what stands in its places, options included.
+        {{"-v", "4", "-m", "1"}, missing},
+        {{"-v", "4", "-m", "1", "001", "005", "Camera"}, "tsbackup_mtp (error) Nothing matched?[].\n"},
+        {{"-m", "1", "001", "005", "Camera", "more"}, "tsbackup_mtp (error) Nothing matched?[].\n"},
+    };
+    for (const auto &[arguments, expected] : cases) {
+        const Outcome outcome = run_program(arguments);
+        EXPECT_EQ(outcome.status, 0);
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_EQ(told(outcome), expected) << testing::PrintToString(arguments);
+    }
+    EXPECT_THAT(told(run_program({"-v", "7", "-m", "1", "001"})),
+                HasSubstr("tsbackup_mtp (debug) perform_mtpbackup: 7 -m 1 001\n"));
+    EXPECT_THAT(told(run_program({"-m", "-v", "7", "1", "001"})),
+                HasSubstr("tsbackup_mtp (debug) perform_mtpbackup: -v 7 1 001\n"));
 }
 
 TEST_F(Roles, VerbosityPicksTheMessages) {

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 namespace tsbackup::test {
@@ -16,12 +17,11 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
-using testing::UnorderedElementsAre;
 
 using Environment = std::vector<std::pair<std::string, std::string>>;
 
 const std::string kName = "Zeno_Optics_Model_3_1_0042";
-const std::string kSerialName = "Zeno_Optics_Model_3_1_0042";
+const std::string kSerialName = "Zeno_Serial_of_the_bus";
 
 class Arrival : public testing::Test {
   protected:
@@ -261,6 +261,7 @@ TEST_F(Arrival, ACameraWhoseConfigurationFailsIsQueuedUnderItsSerial) {
         {{port_open, FaultKind::port_error, -53}, -53},
         {{open_session, FaultKind::port_error, -7}, -7},
         {{get_device_info, FaultKind::port_error, -7}, -7},
+        {{get_device_info, FaultKind::port_error, -10}, -7},
         {{get_device_info, FaultKind::response, general_error}, -1},
         {{get_device_info, FaultKind::response, device_busy}, -110},
         {{get_device_info, FaultKind::cut, 20}, -7},
@@ -271,7 +272,8 @@ TEST_F(Arrival, ACameraWhoseConfigurationFailsIsQueuedUnderItsSerial) {
         camera.fail(fault);
         RequestQueue queue(kCameraQueue);
         EventReceiver events;
-        const Outcome outcome = run_arrival(camera);
+        const Outcome outcome =
+            run_arrival(with(device_environment(camera), kDriverLosesMemory.first, kDriverLosesMemory.second));
         const std::string number = std::to_string(result);
         EXPECT_EQ(outcome.status, 0);
         EXPECT_EQ(told(outcome), "tsbackup_mtp (error) gp_camera_get_config failed[" + number + "]!\n" +
@@ -369,6 +371,22 @@ TEST_F(Arrival, ADaemonThatEndsMeanwhileIsAFailureOfTheQueue) {
                              "tsbackup_mtp (error) Enqueue mtp backup job " +
                                  kName + " 001 005 failed.\n");
     EXPECT_THAT(events.received(), IsEmpty());
+}
+
+TEST_F(Arrival, WaitsForTheSenderBeforeIt) {
+    const Camera camera;
+    RequestQueue queue(kCameraQueue);
+    const int other = open(kCameraQueue, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_EQ(lockf(other, F_LOCK, 0), 0);
+    Program hook({"-s", "x"}, camera_options(device_environment(camera)));
+    // It has let the camera go and waits for the lock only.
+    ASSERT_TRUE(wait_until([&] { return camera.asked("CloseSession") == 1; }));
+    std::this_thread::sleep_for(200ms);
+    EXPECT_TRUE(hook.running());
+    EXPECT_EQ(queue.received(), "");
+    close(other);
+    EXPECT_EQ(hook.wait().err, "");
+    EXPECT_EQ(queue.received(), request_record("enqueue:1:001:005:" + kName + "\n"));
 }
 
 TEST_F(Arrival, SeveralArrivalsDoNotMingleTheirRecords) {

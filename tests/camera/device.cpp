@@ -1,10 +1,8 @@
 #include "device.h"
 
 #include <array>
-#include <cerrno>
 #include <charconv>
 #include <fcntl.h>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <sys/stat.h>

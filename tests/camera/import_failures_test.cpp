@@ -4,13 +4,10 @@
 #include "imports.h"
 
 #include <gmock/gmock.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace tsbackup::test {
 namespace {
 
-using namespace std::chrono_literals;
 using testing::AllOf;
 using testing::Each;
 using testing::ElementsAre;
@@ -55,13 +52,12 @@ std::string status_of(const std::string &name = kName) {
 }
 
 /// Expects that the import ended with the reason before it began to copy.
-void expect_refusal(const Outcome &outcome, const std::string &diagnostic, int reason,
-                    const std::vector<std::string> &events, const std::string &folder = "unknown",
-                    std::uint64_t files = 0) {
+void expect_refusal(const Outcome &outcome, const std::string &diagnostic, int reason, EventReceiver &events,
+                    const std::string &folder = "unknown", std::uint64_t files = 0) {
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.out, "");
     EXPECT_THAT(told(outcome), HasSubstr("tsbackup_mtp (error) " + diagnostic + "\n"));
-    EXPECT_THAT(events, ElementsAre(failure_event(kName, folder, 2, reason)));
+    EXPECT_THAT(events.received(), ElementsAre(failure_event(kName, folder, 2, reason)));
     EXPECT_EQ(status_of(), failed_status(files));
     EXPECT_FALSE(file_exists(import_log_path(kName)));
 }
@@ -115,10 +111,24 @@ TEST_F(ImportFailure, OnlyPtpCamerasAreImported) {
     for (const auto &[kind, diagnostic] : cases) {
         EventReceiver events;
         const Outcome outcome = run_program({"-m", kind, "001", "005", kName}, camera_options());
-        expect_refusal(outcome, diagnostic, kBadInput, events.received(), kFolder);
+        expect_refusal(outcome, diagnostic, kBadInput, events, kFolder);
         EXPECT_THAT(list_folder(kDestination), ElementsAre(kName));
     }
     EXPECT_EQ(camera.openings(), 0);
+}
+
+TEST_F(ImportFailure, ADeviceNameThatLeadsElsewhereIsRefused) {
+    Camera camera;
+    put_pictures(camera);
+    const auto before = every_path();
+    for (const std::string name : {"../up", "a/b", "/data/Documents/x", "..", "."}) {
+        EventReceiver events;
+        const Outcome outcome = run_import(camera, name);
+        EXPECT_EQ(told(outcome), "tsbackup_mtp (error) Invaild input for perform_mtpbackup\n") << name;
+        EXPECT_THAT(events.received(), ElementsAre(failure_event("unknown", "unknown", 2, kBadInput))) << name;
+    }
+    EXPECT_THAT(new_paths(before), IsEmpty());
+    EXPECT_THAT(list_folder(kLogFolder), ElementsAre("status_mtpbackup_unknown"));
 }
 
 // --- The destination ---
@@ -145,10 +155,8 @@ TEST_F(ImportFailure, DestinationsThatAreNotThereAndCannotBeMadeAreRefused) {
         const auto before = every_path();
         EventReceiver events;
         const Outcome outcome = run_import(camera, kName);
-        expect_refusal(outcome, diagnostic, kDestinationFailed, events.received());
-        remove_tree(import_status_path(kName));
-        for (const std::string &path : every_path())
-            EXPECT_TRUE(before.contains(path) || path == "/run/waits" || path.starts_with("/apps")) << path;
+        expect_refusal(outcome, diagnostic, kDestinationFailed, events);
+        EXPECT_THAT(new_paths(before), IsEmpty());
     }
     EXPECT_EQ(camera.openings(), 0);
 }
@@ -157,7 +165,7 @@ TEST_F(ImportFailure, WithoutADestinationNothingIsCopied) {
     const Camera camera;
     set_services({{"MTPBACKUP", "1"}});
     EventReceiver events;
-    expect_refusal(run_import(camera, kName), "Nothing matched?[].", kDestinationFailed, events.received());
+    expect_refusal(run_import(camera, kName), "Nothing matched?[].", kDestinationFailed, events);
 }
 
 TEST_F(ImportFailure, AFileInPlaceOfAFolderIsAFailureOfTheDestination) {
@@ -176,7 +184,7 @@ TEST_F(ImportFailure, AFileInPlaceOfAFolderIsAFailureOfTheDestination) {
         enable_import(destination);
         EventReceiver events;
         expect_refusal(run_import(camera, kName), "Can't mkdir " + folder + " for mtpbackup.", kDestinationFailed,
-                       events.received());
+                       events);
     }
     EXPECT_EQ(read_file("/data/Pictures/file"), "text");
     EXPECT_EQ(read_file(kFolder), "in the way");
@@ -254,7 +262,7 @@ TEST_F(ImportFailure, AShareThatCannotBeMadeIsAFailureOfTheDestination) {
             const StandIn homes("/sbin/mkhomedir_helper", script);
             EventReceiver events;
             expect_refusal(run_import(camera, kName), "Recreate Auto media backup share failed.", kDestinationFailed,
-                           events.received());
+                           events);
         }
         EXPECT_FALSE(file_exists(destination));
     }
@@ -264,8 +272,7 @@ TEST_F(ImportFailure, WithoutTheShareToolTheShareStaysMissing) {
     const Camera camera;
     enable_import("/data/Photos");
     EventReceiver events;
-    expect_refusal(run_import(camera, kName), "Recreate Auto media backup share failed.", kDestinationFailed,
-                   events.received());
+    expect_refusal(run_import(camera, kName), "Recreate Auto media backup share failed.", kDestinationFailed, events);
     EXPECT_FALSE(file_exists("/data/Photos"));
 }
 
@@ -275,7 +282,7 @@ TEST_F(ImportFailure, ACameraThatIsNotThereIsUnusable) {
     const Camera other({}, "001", "006");
     EventReceiver events;
     const Outcome outcome = run_program({"-m", "1", "001", "005", kName}, camera_options());
-    expect_refusal(outcome, "init_cam_set failed.", kCameraUnusable, events.received(), kFolder);
+    expect_refusal(outcome, "init_cam_set failed.", kCameraUnusable, events, kFolder);
     EXPECT_THAT(told(outcome),
                 HasSubstr("tsbackup_mtp (error) Init camera port [usb:001,005] or model failed[ret=-5].\n"));
     EXPECT_THAT(waits(), IsEmpty());
@@ -284,10 +291,7 @@ TEST_F(ImportFailure, ACameraThatIsNotThereIsUnusable) {
 TEST_F(ImportFailure, AnEmptyCameraIsTriedSixTimesAndThenImported) {
     for (const bool with_folders : {false, true}) {
         Camera camera;
-        if (with_folders)
-            camera.put_folder("DCIM/100ZENO");
-        else
-            camera.remove_storage(Camera::kCard);
+        if (with_folders) camera.put_folder("DCIM/100ZENO");
         EventReceiver events;
         StatusWatcher status(import_status_path(kName));
         const Outcome outcome = run_import(camera, kName);
@@ -327,7 +331,7 @@ TEST_F(ImportFailure, AListingThatFailsIsTriedAgainTwentyTimes) {
     camera.fail({get_object_info, FaultKind::response, parameter_not_supported});
     EventReceiver events;
     const Outcome outcome = run_import(camera, kName);
-    expect_refusal(outcome, "download file dry run failed[-2].", kCameraUnusable, events.received(), kFolder);
+    expect_refusal(outcome, "download file dry run failed[-2].", kCameraUnusable, events, kFolder);
     EXPECT_EQ(camera.openings(), 21);
     EXPECT_THAT(waits(), AllOf(SizeIs(20), Each(2)));
     EXPECT_THAT(told(outcome), HasSubstr("tsbackup_mtp (warning) Retrying list files[20].\n"));
@@ -337,6 +341,7 @@ TEST_F(ImportFailure, AListingThatFailsIsTriedAgainTwentyTimes) {
 
 TEST_F(ImportFailure, AListingThatRecoversIsCountedOnce) {
     Camera camera;
+    camera.put("AAA/IMG_0000.JPG", "zeroth picture", kMarch);
     put_pictures(camera);
     // Once after some files have been counted, once without any.
     camera.fail({get_object_info, FaultKind::response, parameter_not_supported, 1, 0, false, kPictureObject});
@@ -345,8 +350,8 @@ TEST_F(ImportFailure, AListingThatRecoversIsCountedOnce) {
     const Outcome outcome = run_import(camera, kName);
     EXPECT_THAT(waits(), ElementsAre(2, 2, 5)) << outcome.err;
     EXPECT_EQ(camera.openings(), 4);
-    EXPECT_EQ(status_of(), import_status("COMPLETED", "OK", 3) + "\n");
-    EXPECT_THAT(files_below(kFolder), SizeIs(3));
+    EXPECT_EQ(status_of(), import_status("COMPLETED", "OK", 4) + "\n");
+    EXPECT_THAT(files_below(kFolder), SizeIs(4));
 }
 
 TEST_F(ImportFailure, OtherFailuresOfTheListingEndTheImportAtOnce) {
@@ -362,6 +367,7 @@ TEST_F(ImportFailure, OtherFailuresOfTheListingEndTheImportAtOnce) {
         {"the line breaks", {get_object_handles, FaultKind::port_error, -7}, -7},
         {"the list is cut", {get_object_handles, FaultKind::cut, 2}, -7},
         {"handles refused", {get_object_handles, FaultKind::response, general_error}, -1},
+        {"the camera falls silent", {get_object_handles, FaultKind::port_error, -10}, -7},
         {"unplugged", {get_object_handles, FaultKind::unplug, 0}, -7},
     };
     for (const auto &[name, fault, result] : cases) {
@@ -370,12 +376,20 @@ TEST_F(ImportFailure, OtherFailuresOfTheListingEndTheImportAtOnce) {
         put_pictures(camera);
         camera.fail(fault);
         EventReceiver events;
-        const Outcome outcome = run_import(camera, kName);
+        const Outcome outcome = run_import(camera, kName, camera_options({kDriverLosesMemory}));
         expect_refusal(outcome, "download file dry run failed[" + std::to_string(result) + "].", kDestinationFailed,
-                       events.received(), kFolder);
+                       events, kFolder);
         EXPECT_THAT(waits(), IsEmpty());
         EXPECT_EQ(camera.openings(), 1);
     }
+}
+
+TEST_F(ImportFailure, ACameraWithoutACardEndsTheImportAtOnce) {
+    Camera camera;
+    camera.remove_storage(Camera::kCard);
+    EventReceiver events;
+    expect_refusal(run_import(camera, kName), "download file dry run failed[-1].", kDestinationFailed, events, kFolder);
+    EXPECT_THAT(waits(), IsEmpty());
 }
 
 // --- Breaking off ---
@@ -398,6 +412,7 @@ TEST_F(ImportFailure, ADownloadThatFailsLeavesNoPartOfItsFile) {
         {"cut before the first byte", {get_object, FaultKind::cut, 0, 0, 0, false, kPictureObject}, -7, 101},
         {"cut before the last byte", {get_object, FaultKind::cut, kMebibyte - 1, 0, 0, false, kPictureObject}, -7, 101},
         {"the line breaks", {get_object, FaultKind::port_error, -7, 0, 0, false, kPictureObject}, -7, 101},
+        {"the camera falls silent", {get_object, FaultKind::port_error, -10, 0, 0, false, kPictureObject}, -7, 101},
         {"unplugged", {get_object, FaultKind::unplug, kMebibyte / 2, 0, 0, false, kPictureObject}, -7, 101},
         {"refused", {get_object, FaultKind::response, general_error, 0, 0, false, kPictureObject}, -1, 101},
         {"busy", {get_object, FaultKind::response, device_busy, 0, 0, false, kPictureObject}, -110, 101},
@@ -428,6 +443,22 @@ TEST_F(ImportFailure, ADownloadThatFailsLeavesNoPartOfItsFile) {
                     ElementsAre(import_event(kName, kFolder, 0), failure_event(kName, kFolder, 2, reason)));
         EXPECT_EQ(camera.asked(": GetObject 00010001/DCIM/100ZENO/IMG_0003.JPG"), 0);
     }
+}
+
+TEST_F(ImportFailure, TellsWhereTheWalkBrokeOff) {
+    Camera camera;
+    camera.put("DCIM/A.JPG", "a", kMarch);
+    camera.fail({get_object});
+    const Outcome outcome = run_import(camera, kName);
+    const std::string empty = "tsbackup_mtp (warning) No files under /\n"
+                              "tsbackup_mtp (warning) No files under /store_00010001\n";
+    EXPECT_TRUE(same_text(empty + empty +
+                              "tsbackup_mtp (error) gp_camera_file_get /store_00010001/DCIM-A.JPG err!\n"
+                              "tsbackup_mtp (error) download_file!\n"
+                              "tsbackup_mtp (error) iterate_get_files!\n"
+                              "tsbackup_mtp (error) iterate_get_files!\n"
+                              "tsbackup_mtp (error) download file failed[-1].\n",
+                          told(outcome)));
 }
 
 TEST_F(ImportFailure, TheNextImportTakesWhatIsMissing) {
@@ -497,6 +528,16 @@ TEST_F(ImportFailure, ADestinationThatTakesNoFolderIsAFailure) {
         EXPECT_THAT(events.received(),
                     ElementsAre(import_event(kName, kFolder, 0), failure_event(kName, kFolder, 2, kDestinationFailed)));
     }
+}
+
+TEST_F(ImportFailure, ALinkInPlaceOfTheFolderOfTheDeviceIsNotFollowed) {
+    Camera camera;
+    put_pictures(camera);
+    make_folder("/data/Pictures/elsewhere");
+    ASSERT_EQ(symlink("/data/Pictures/elsewhere", kFolder.c_str()), 0);
+    EventReceiver events;
+    expect_refusal(run_import(camera, kName), "chdir to " + kFolder + " failed.", kDestinationFailed, events, kFolder);
+    EXPECT_THAT(list_folder("/data/Pictures/elsewhere"), IsEmpty());
 }
 
 TEST_F(ImportFailure, ANameThatTheDestinationCannotTakeIsAFailure) {

@@ -56,7 +56,7 @@ Outcome run_import(const Camera &camera, const std::string &name, const ProgramO
 
 std::vector<std::pair<std::string, std::string>> device_environment(const Camera &camera) {
     return {{"ID_GPHOTO2", "1"},
-            {"ID_SERIAL", "Zeno_Optics_Model.3 1_0042"},
+            {"ID_SERIAL", "Zeno_Serial.of the bus"},
             {"BUSNUM", camera.bus()},
             {"DEVNUM", camera.number()}};
 }
@@ -118,6 +118,17 @@ std::set<std::string> every_path() {
                                           "-printf '%p\\0'"));
     for (std::string path; std::getline(found, path, '\0');)
         paths.insert(path);
+    return paths;
+}
+
+std::vector<std::string> new_paths(const std::set<std::string> &before) {
+    std::vector<std::string> paths;
+    for (const std::string &path : every_path()) {
+        const std::vector<std::string> expected = {kLogFolder, "/apps/.backup", kWaits, "/run/zelkovad/event"};
+        const bool known = std::any_of(expected.begin(), expected.end(),
+                                       [&](const std::string &beginning) { return path.starts_with(beginning); });
+        if (!known && !before.contains(path)) paths.push_back(path);
+    }
     return paths;
 }
 

@@ -10,7 +10,6 @@
 #include <iconv.h>
 #include <sstream>
 #include <sys/stat.h>
-#include <unistd.h>
 #include <utility>
 
 namespace tsbackup::test {

@@ -96,16 +96,6 @@ std::string failure_of(const std::string &result, const std::string &lines = "")
     return "Failed to run rsync, return rc " + result + "\n" + lines + "'rsync' command returns rc=" + result + "\n";
 }
 
-void write_bytes(const std::string &path, std::size_t size) {
-    std::string content(size, '\0');
-    std::uint32_t state = 12345;
-    for (char &byte : content) {
-        state = state * 1664525 + 1013904223;
-        byte = static_cast<char>(state >> 24);
-    }
-    write_file(path, content);
-}
-
 /// Command lines of the processes of the appliance, with blanks between the words.
 std::vector<std::string> command_lines() {
     std::vector<std::string> lines;
@@ -257,7 +247,7 @@ TEST_F(RsyncServers, ProgressIsShownWhileAFileIsOnItsWay) {
         start_over();
         constexpr std::size_t kSize = 12 * kMebibyte;
         const Line line(kLinePort, kind.ssh ? SshServer::kPort : RsyncDaemon::kPort, 4 * kMebibyte);
-        write_bytes(source_of(kind) + "/big", kSize);
+        write_filler(source_of(kind) + "/big", kSize);
         Remote remote{.port = kLinePort};
         if (!kind.ssh) {
             const std::string side = kind.upload ? "dst" : "src";
@@ -575,7 +565,7 @@ TEST_F(RsyncServers, WhatMayNotBeWrittenIsTold) {
 
 TEST_F(RsyncServers, AFullDestination) {
     const RsyncDaemon daemon({public_module(), {"full", {"path = /media/STICK", "read only = false"}}});
-    write_bytes(kRemote + "/tree/big", 40 * kMebibyte);
+    write_filler(kRemote + "/tree/big", 40 * kMebibyte);
     run_job(Settings{{"opt_full_backup_freq", "EVERY_TIME"}} + remote_end(kKinds[0], {.path = "tree/big"}) +
             destination_usb("2"));
     EXPECT_EQ(result(), 6);
@@ -583,7 +573,7 @@ TEST_F(RsyncServers, AFullDestination) {
                 AllOf(HasSubstr("Failed to run rsync, return rc 11\n"), HasSubstr("No space left on device (28)")));
 
     remove_tree("/media/STICK/big");
-    write_bytes(kPictures + "/tree/big", 40 * kMebibyte);
+    write_filler(kPictures + "/tree/big", 40 * kMebibyte);
     run_job(tree_job(kKinds[2], {.module = "full"}));
     EXPECT_EQ(result(), 6);
     EXPECT_THAT(error_log(),
@@ -600,7 +590,7 @@ TEST_F(RsyncServers, AServerThatGoesDownInTheMiddleOfAFile) {
         else
             server = std::make_unique<RsyncDaemon>(std::vector<RsyncModule>{public_module()});
         Line line(kLinePort, server->port(), 8 * kMebibyte);
-        write_bytes(source_of(kind) + "/big", 12 * kMebibyte);
+        write_filler(source_of(kind) + "/big", 12 * kMebibyte);
         JobFile().job(kJob, tree_job(kind, {.port = kLinePort})).write();
         Program program({"-e", "7"});
         ASSERT_TRUE(wait_until([&] { return line.passed() > 4 * kMebibyte; }));
@@ -622,7 +612,7 @@ TEST_F(RsyncServers, ALineThatBreaksEveryTime) {
     line.break_after(2 * kMebibyte);
     for (const Kind &kind : {kKinds[0], kKinds[2]}) {
         SCOPED_TRACE(kind.name);
-        write_bytes(source_of(kind) + "/big", 12 * kMebibyte);
+        write_filler(source_of(kind) + "/big", 12 * kMebibyte);
         run_job(tree_job(kind, {.port = kLinePort}));
         // What rsync makes of it depends on whether it was reading or writing.
         const bool reading = error_log().find("return rc 12\n") != std::string::npos;
@@ -690,7 +680,7 @@ TEST_F(RsyncServers, ACancelledTransferLeavesNothingBehind) {
             start_over();
             set_service("ANTIVIRUS", scanner);
             Line line(kLinePort, kind.ssh ? SshServer::kPort : RsyncDaemon::kPort, 2 * kMebibyte);
-            write_bytes(source_of(kind) + "/big", 12 * kMebibyte);
+            write_filler(source_of(kind) + "/big", 12 * kMebibyte);
             JobFile().job(kJob, tree_job(kind, {.port = kLinePort})).write();
             EventReceiver events;
             Program job({"-e", "7"});

@@ -94,6 +94,16 @@ bool port_answers(int port) {
     return connected;
 }
 
+void write_filler(const std::string &path, std::size_t size) {
+    std::string content(size, '\0');
+    std::uint32_t state = 12345;
+    for (char &byte : content) {
+        state = state * 1664525 + 1013904223;
+        byte = static_cast<char>(state >> 24);
+    }
+    write_file(path, content);
+}
+
 // A process namespace of its own, so that the server's last process goes with its first one.
 Server::Server(const std::vector<std::string> &command, int port) : port_(port) {
     if (port_answers(port)) throw std::runtime_error("port " + std::to_string(port) + " is in use");

@@ -39,6 +39,9 @@ class Server {
 /// Whether something accepts connections at a port.
 bool port_answers(int port);
 
+/// Writes a file of so many bytes that cannot be compressed, always the same ones.
+void write_filler(const std::string &path, std::size_t size);
+
 /// A line to a server: what arrives at its own port is passed on to the server's, and back. It can be slow, fall silent
 /// and break.
 class Line {

@@ -72,8 +72,9 @@ Program::Program(const std::vector<std::string> &arguments, const ProgramOptions
 
     pid_ = fork();
     if (pid_ < 0) throw std::runtime_error("cannot fork");
+    // On both sides: the group is there when either goes on.
+    setpgid(pid_, pid_);
     if (pid_ > 0) return;
-    setpgid(0, 0);
     const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
     dup2(nothing, STDIN_FILENO);
     dup2(fileno(out_), STDOUT_FILENO);

@@ -104,6 +104,20 @@ TEST(Dispatch, two_local_ends_go_to_the_local_driver) {
     EXPECT_EQ(run.error_message, "'/no_such_volume' not exists");
 }
 
+TEST(Dispatch, sources_that_are_fetched_go_to_their_drivers) {
+    BackupRun archive;
+    const BackupJob share = job_between("remote", "cifs-ab", "volume", "v");
+    do_backup(&share, &archive);
+    EXPECT_EQ(archive.error_code, error_code::source_setup);
+    EXPECT_EQ(archive.error_message, "Mulformed path=\n"); // the mounted share's driver spells it otherwise
+
+    BackupRun mirror;
+    const BackupJob site = job_between("remote", "http", "usb", "usb_port_99");
+    do_backup(&site, &mirror);
+    EXPECT_EQ(mirror.error_code, error_code::invalid_destination);
+    EXPECT_EQ(mirror.error_message, "No USB storage device at usb_port_99");
+}
+
 TEST(DispatchDeathTest, missing_records_stop_the_process) {
     BackupJob job;
     BackupRun run;

@@ -690,6 +690,41 @@ TEST(BackupSystemf, RunsNothingThatCannotBeFormatted) {
     EXPECT_EQ(diagnostics.text(), "");
 }
 
+TEST(BackupSystemPastHangUp, IsLikeTheOrdinaryOne) {
+    std::signal(SIGPIPE, SIG_IGN);
+    for (const ShellCase &c : kShellCases)
+        EXPECT_EQ(backup_system_past_hang_up(c.command), c.expected) << c.command;
+    EXPECT_EQ(backup_system_past_hang_up((child_program() + " sigpipe").c_str()), 0);
+    std::signal(SIGPIPE, SIG_DFL);
+
+    const Diagnostics diagnostics;
+    const std::size_t before = open_descriptors();
+    backup_system_past_hang_up("true %s");
+    EXPECT_EQ(diagnostics.without_places(), "(debug) cmd=true %s\n");
+    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_FALSE(has_children());
+}
+
+TEST(BackupSystemPastHangUp, GoesOnAfterAHangUp) {
+    EXPECT_EQ(backup_system("kill -HUP $$; exit 3"), SIGHUP);
+    EXPECT_EQ(backup_system_past_hang_up("kill -HUP $$; exit 3"), 3 * 256);
+    EXPECT_EQ(backup_system_past_hang_up("sh -c 'kill -HUP $$; exit 3'"), 3 * 256);
+    EXPECT_EQ(backup_system_past_hang_up("kill -TERM $$; exit 3"), SIGTERM);
+    // This process still ends by one.
+    EXPECT_EQ(std::signal(SIGHUP, SIG_DFL), SIG_DFL);
+}
+
+TEST(BackupSystemPastHangUp, ReturnsMinusOneWhenTheShellCannotBeStarted) {
+    REQUIRE_ROOT(); // to give it up: the limit does not hold for root
+    const int result = in_own_process([] {
+        const rlimit none{0, 0};
+        setrlimit(RLIMIT_NPROC, &none);
+        if (setuid(65534) != 0) return 2;
+        return backup_system_past_hang_up("true") == -1 ? 0 : 1;
+    });
+    EXPECT_EQ(result, 0);
+}
+
 // ---- core files ------------------------------------------------------------------------------------------------
 
 struct CoreCase {
