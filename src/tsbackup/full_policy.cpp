@@ -19,6 +19,10 @@ struct Interval {
     std::int64_t seconds;
 };
 
+constexpr char kAlways[] = "EVERY_TIME";
+constexpr char kOnce[] = "FIRST_TIME";
+constexpr char kNever[] = "NEVER";
+
 // Each is 599 seconds short of whole weeks, and kept so: a schedule that drifts by minutes still gets its full run.
 constexpr Interval kIntervals[] = {
     {"EVERY_WEEK", 604201},
@@ -37,9 +41,9 @@ std::int32_t last_full_time(std::int32_t job_id) {
 }
 
 bool is_full(const char *keyword, std::int32_t start_time, std::int32_t last_full) {
-    if (std::strcmp(keyword, "EVERY_TIME") == 0) return true;
-    if (std::strcmp(keyword, "FIRST_TIME") == 0) return last_full == 0;
-    if (std::strcmp(keyword, "NEVER") == 0) return false;
+    if (std::strcmp(keyword, kAlways) == 0) return true;
+    if (std::strcmp(keyword, kOnce) == 0) return last_full == 0;
+    if (std::strcmp(keyword, kNever) == 0) return false;
     const std::int64_t elapsed = std::int64_t{start_time} - last_full;
     for (const Interval &interval : kIntervals)
         if (std::strcmp(keyword, interval.keyword) == 0) return elapsed >= interval.seconds;
@@ -48,6 +52,14 @@ bool is_full(const char *keyword, std::int32_t start_time, std::int32_t last_ful
 }
 
 } // namespace
+
+bool full_policy_knows(const char *keyword) {
+    for (const char *known : {kAlways, kOnce, kNever})
+        if (std::strcmp(keyword, known) == 0) return true;
+    for (const Interval &interval : kIntervals)
+        if (std::strcmp(keyword, interval.keyword) == 0) return true;
+    return false;
+}
 
 int full_policy_decide(const BackupJob &job, BackupRun &run) {
     const std::int32_t last_full = last_full_time(run.job_id);

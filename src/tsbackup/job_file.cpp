@@ -17,10 +17,7 @@ namespace tsbackup {
 
 namespace {
 
-/// No administrator writes a job file of this size; a larger one would only exhaust the appliance's memory.
-constexpr int kLargestMebibytes = 16;
-constexpr std::size_t kLargestFile = std::size_t{kLargestMebibytes} << 20U;
-
+constexpr char kJobNumber[] = "job_id";
 constexpr char kDefaultLogLines[] = "1000";
 
 struct Setting {
@@ -67,7 +64,8 @@ constexpr Setting kSettings[] = {
 xmlParserInputPtr refuse_external_entity(const char *, const char *, xmlParserCtxtPtr) { return nullptr; }
 
 void log_too_large() {
-    TSBACKUP_LOG(level::error, "%s is larger than %d MiB and is not read.\n", paths::job_file, kLargestMebibytes);
+    TSBACKUP_LOG(level::error, "%s is larger than %d MiB and is not read.\n", paths::job_file,
+                 kLargestJobFileMebibytes);
 }
 
 /// The file's bytes; nothing when it cannot be read, is no regular file or is too large.
@@ -81,7 +79,7 @@ std::optional<std::string> job_file_content() {
         TSBACKUP_LOG(level::error, "%s is no regular file and is not read.\n", paths::job_file);
         return std::nullopt;
     }
-    if (static_cast<std::uint64_t>(status.st_size) > kLargestFile) {
+    if (static_cast<std::uint64_t>(status.st_size) > kLargestJobFile) {
         log_too_large();
         return std::nullopt;
     }
@@ -91,7 +89,7 @@ std::optional<std::string> job_file_content() {
     ssize_t got = 0;
     while ((got = read(file.get(), block.data(), block.size())) > 0) {
         content.append(block.data(), static_cast<std::size_t>(got));
-        if (content.size() > kLargestFile) {
+        if (content.size() > kLargestJobFile) {
             log_too_large();
             return std::nullopt;
         }
@@ -109,7 +107,7 @@ const Setting *setting_of(const char *element) {
 void apply_setting(const xmlNode *node, BackupJob &job) {
     const char *element = node_name(node);
     const char *value = node_value(node);
-    if (std::strcmp(element, "job_id") == 0) {
+    if (std::strcmp(element, kJobNumber) == 0) {
         job.job_id = value != nullptr ? decimal_value(value) : -1;
     } else if (const Setting *setting = setting_of(element)) {
         job.*setting->text = value != nullptr ? value : "";
@@ -124,7 +122,8 @@ UniqueXmlDoc job_text_parse(std::string_view content) {
     xmlInitParser();
     xmlSetExternalEntityLoader(refuse_external_entity);
     return UniqueXmlDoc(xmlReadMemory(content.data(), static_cast<int>(content.size()), paths::job_file, "utf-8",
-                                      XML_PARSE_NOBLANKS | XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
+                                      XML_PARSE_NOBLANKS | XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING |
+                                          XML_PARSE_BIG_LINES));
 }
 
 UniqueXmlDoc job_file_parse() {
@@ -148,11 +147,20 @@ const char *node_value(const xmlNode *node) {
     return child != nullptr ? reinterpret_cast<const char *>(child->content) : nullptr;
 }
 
+BackupJob job_read(const xmlNode *entry) {
+    BackupJob job;
+    for (const xmlNode *node = first_child(entry); node != nullptr; node = node->next)
+        apply_setting(node, job);
+    return job;
+}
+
+bool job_setting_exists(const char *element) {
+    return std::strcmp(element, kJobNumber) == 0 || setting_of(element) != nullptr;
+}
+
 std::unique_ptr<BackupJob> job_find(const xmlDoc *document, std::int32_t job_id) {
     for (const xmlNode *entry = first_entry(document); entry != nullptr; entry = entry->next) {
-        BackupJob job;
-        for (const xmlNode *node = first_child(entry); node != nullptr; node = node->next)
-            apply_setting(node, job);
+        BackupJob job = job_read(entry);
         if (job.job_id != job_id) continue;
 
         if (decimal_value(job.opt_max_log_lines) < 1) job.opt_max_log_lines = kDefaultLogLines;

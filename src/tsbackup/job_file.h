@@ -3,6 +3,7 @@
 #include "tsbackup/job.h"
 #include "tsbackup/owners.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <libxml/tree.h>
 #include <memory>
@@ -10,6 +11,11 @@
 #include <vector>
 
 namespace tsbackup {
+
+/// No administrator writes a job file of this size; a larger one would only exhaust the appliance's memory and is not
+/// read.
+inline constexpr int kLargestJobFileMebibytes = 16;
+inline constexpr std::size_t kLargestJobFile = std::size_t{kLargestJobFileMebibytes} << 20U;
 
 using UniqueXmlDoc = std::unique_ptr<xmlDoc, ReleaseWith<xmlFreeDoc>>;
 
@@ -22,6 +28,12 @@ UniqueXmlDoc job_text_parse(std::string_view content);
 
 /// The first job of the document (null: none) with that number, ready to run; null when there is none.
 std::unique_ptr<BackupJob> job_find(const xmlDoc *document, std::int32_t job_id);
+
+/// One entry of the document as it is written. Elements with unknown names are logged at level 3.
+BackupJob job_read(const xmlNode *entry);
+
+/// Whether a job has a setting (its number included) with this element's name.
+bool job_setting_exists(const char *element);
 
 /// The numbers of the document's button jobs, in order.
 std::vector<std::int32_t> button_jobs_find(const xmlDoc *document);

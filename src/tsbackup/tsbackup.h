@@ -134,4 +134,7 @@ int local_endpoint_check(const char *type, const char *share, const char *volume
 /// Decides whether the run is a full one and sets its `full`. Always 0.
 int full_policy_decide(const BackupJob &job, BackupRun &run);
 
+/// Whether the text is one of the policy's keywords. With any other one every run is full.
+bool full_policy_knows(const char *keyword);
+
 } // namespace tsbackup

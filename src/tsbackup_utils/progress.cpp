@@ -2,6 +2,7 @@
 
 #include "tsbackup_utils.h"
 
+#include "read_number.h"
 #include "tsbackup/log.h"
 #include "tsbackup/paths.h"
 #include "zelkova.h"
@@ -54,6 +55,15 @@ void backup_progress_write(BackupRun *run) {
 
     // The misspelt word is what the readers of the diagnostics know.
     if (close(fd) != 0) TSBACKUP_LOG(level::error, "Failed to close file %s. errnor = %d\n", path.c_str(), errno);
+}
+
+std::optional<BackupProgress> backup_progress_parse(const std::string &line) {
+    const std::vector<std::string> fields = str_split_all(line, "!!");
+    BackupProgress progress;
+    if (fields.size() != 3 || !read_number(fields[0], progress.rate) || !read_number(fields[1], progress.elapsed) ||
+        !read_number(fields[2], progress.bytes))
+        return std::nullopt;
+    return progress;
 }
 
 void backup_progress_record(BackupRun *run, std::int32_t interval) {

@@ -114,5 +114,13 @@ TEST_F(FullPolicy, a_record_that_is_a_folder_counts_as_none) {
     remove_tree(path);
 }
 
+TEST(FullPolicyKeywords, are_known_exactly) {
+    for (const char *keyword :
+         {"EVERY_TIME", "FIRST_TIME", "EVERY_WEEK", "EVERY_2_WEEKS", "EVERY_3_WEEKS", "EVERY_4_WEEKS", "NEVER"})
+        EXPECT_TRUE(full_policy_knows(keyword)) << keyword;
+    for (const char *text : {"", "every_time", "EVERY_5_WEEKS", " NEVER", "EVERY_WEEK "})
+        EXPECT_FALSE(full_policy_knows(text)) << text;
+}
+
 } // namespace
 } // namespace tsbackup::test

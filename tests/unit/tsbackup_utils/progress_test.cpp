@@ -287,4 +287,16 @@ TEST_F(Progress, AFailedClockEndsTheProgressOfTheRun) {
     expect_instant(run_.last_write, {100, 0});
 }
 
+TEST(ProgressLine, OnlyAWholeLineIsRead) {
+    const auto progress = backup_progress_parse("2147483647!!61!!9223372036854775807");
+    ASSERT_TRUE(progress);
+    EXPECT_EQ(progress->rate, 2147483647);
+    EXPECT_EQ(progress->elapsed, 61);
+    EXPECT_EQ(progress->bytes, 9223372036854775807);
+    EXPECT_EQ(backup_progress_parse("-1!!0!!-5")->bytes, -5);
+    for (const char *line : {"", "1!!2", "1!!2!!", "1!!2!!3!!", "1!!2!!3 ", " 1!!2!!3", "2147483648!!2!!3",
+                             "1!!2!!9223372036854775808", "a!!b!!c"})
+        EXPECT_FALSE(backup_progress_parse(line)) << line;
+}
+
 } // namespace

@@ -155,4 +155,58 @@ TEST_F(Status, ACameraFileThatCannotBeOpenedIsLogged) {
     EXPECT_EQ(diagnostics.without_places(), "(error) Can't open " + kFolder + "status_mtpbackup_cam ?\n");
 }
 
+TEST(StatusLine, EveryLineThatIsWrittenIsReadBack) {
+    for (const JobCase &c : kJobCases) {
+        SCOPED_TRACE(c.name);
+        const std::optional<BackupStatus> status = backup_status_parse(c.line);
+        ASSERT_TRUE(status);
+        EXPECT_EQ(status->code, c.code);
+        EXPECT_EQ(status->timestamp, static_cast<std::int32_t>(c.timestamp));
+        EXPECT_EQ(status->full, c.code == BackupStatusCode::in_progress ? c.full : 0);
+    }
+}
+
+TEST(StatusLine, AnythingElseIsNotRead) {
+    for (const char *line : {"",
+                             "BACKUP_STATUS__",
+                             "BACKUP_STATUS__FAILED",
+                             "BACKUP_STATUS__FAILED!!5",
+                             "BACKUP_STATUS__FAILED!!5!!OK",
+                             "BACKUP_STATUS__FAILED!!5!!warn!!",
+                             "BACKUP_STATUS__FAILED!!!!warn",
+                             "BACKUP_STATUS__FAILED!!5x!!warn",
+                             "BACKUP_STATUS__FAILED!! 5!!warn",
+                             "BACKUP_STATUS__FAILED!!99999999999!!warn",
+                             "backup_status__failed!!5!!warn",
+                             "BACKUP_STATUS__FAILED,!!5!!warn",
+                             "BACKUP_STATUS__FAILED,1!!5!!warn",
+                             "BACKUP_STATUS__IN_PROGRESS!!5!!OK",
+                             "BACKUP_STATUS__IN_PROGRESS,!!5!!OK",
+                             "BACKUP_STATUS__IN_PROGRESS,1,1!!5!!OK",
+                             "BACKUP_STATUS__IN_PROGRESS,x!!5!!OK",
+                             "MBACKUP_STATUS__FAILED!!5!!warn",
+                             "!!!!",
+                             "!!!!!!!!!!!!!!"})
+        EXPECT_FALSE(backup_status_parse(line)) << line;
+    EXPECT_FALSE(backup_status_parse(std::string("BACKUP_STATUS__FAILED\0!!5!!warn", 31)));
+}
+
+TEST(StatusLine, ACamerasLineIsReadBack) {
+    const auto status = mtpbackup_status_parse(
+        "MBACKUP_STATUS__PARTLY_COMPLETED!!-4!!notice!!1000!!18446744073709551615!!4!!1!!1234.500000");
+    ASSERT_TRUE(status);
+    EXPECT_EQ(status->code, MtpBackupStatusCode::partly_completed);
+    EXPECT_EQ(status->timestamp, -4);
+    EXPECT_EQ(status->statistics.total_bytes, 1000U);
+    EXPECT_EQ(status->statistics.copied_bytes, std::numeric_limits<std::uint64_t>::max());
+    EXPECT_EQ(status->statistics.total_files, 4U);
+    EXPECT_EQ(status->statistics.copied_files, 1U);
+    EXPECT_EQ(status->statistics.rate, 1234.5);
+    for (const char *line :
+         {"", "MBACKUP_STATUS__FAILED!!3!!warn!!0!!0!!0!!0", "MBACKUP_STATUS__FAILED!!3!!OK!!0!!0!!0!!0!!0.0",
+          "MBACKUP_STATUS__FAILED!!3!!warn!!-1!!0!!0!!0!!0.0", "BACKUP_STATUS__FAILED!!3!!warn!!0!!0!!0!!0!!0.0",
+          "MBACKUP_STATUS__FAILED!!3!!warn!!0!!0!!0!!0!!0.0!!"})
+        EXPECT_FALSE(mtpbackup_status_parse(line)) << line;
+}
+
 } // namespace
