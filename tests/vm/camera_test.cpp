@@ -15,7 +15,6 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 using Environment = std::vector<std::pair<std::string, std::string>>;
 

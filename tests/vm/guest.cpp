@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <functional>
 #include <sstream>
 #include <stdexcept>
@@ -15,15 +16,14 @@ namespace {
 
 constexpr char kCopiedFile[] = "Copy File  ";
 
-/// Runs a command of the shell; throws, with what it said, when it fails.
+} // namespace
+
+bool in_guest() { return std::getenv("TSBACKUP_VM") != nullptr && in_appliance(); }
+
 void must_succeed(const std::string &command) {
     const std::string said = shell_output(command + " || echo FAILED");
     if (said.ends_with("FAILED\n")) throw std::runtime_error(command + ": " + said);
 }
-
-} // namespace
-
-bool in_guest() { return std::getenv("TSBACKUP_VM") != nullptr && in_appliance(); }
 
 void start_in_guest() {
     reset_appliance();
@@ -68,17 +68,26 @@ void write_dated(const std::string &path, const std::string &content, timespec t
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
 }
 
+void cut_times(const std::string &folder, long step_ns) {
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(folder)) {
+        timespec time = modification_time(entry.path());
+        time.tv_nsec -= time.tv_nsec % step_ns;
+        const timespec times[] = {time, time};
+        ASSERT_EQ(utimensat(AT_FDCWD, entry.path().c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << entry.path();
+    }
+}
+
 timespec modification_time(const std::string &path) {
     struct stat status {};
     EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
     return status.st_mtim;
 }
 
-Outcome run_job(const Settings &settings, const ProgramOptions &options) {
+Outcome run_job(const Settings &settings, const ProgramOptions &options, int verbosity) {
     for (std::string kept = kept_copy_log_path(kJob); !kept.empty(); kept = kept_copy_log_path(kJob))
         remove_tree(kept);
     JobFile().job(kJob, settings).write();
-    return run_program({"-e", std::to_string(kJob)}, options);
+    return run_program({"-v", std::to_string(verbosity), "-e", std::to_string(kJob)}, options);
 }
 
 std::string error_log() { return read_file(error_log_path(kJob)); }

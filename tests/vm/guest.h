@@ -23,6 +23,9 @@ bool in_guest();
         if (!::tsbackup::test::in_guest()) GTEST_SKIP() << "needs a guest (tests/vm/vm)";                              \
     } while (false)
 
+/// Runs a command of the shell; throws, with what it said, when it fails.
+void must_succeed(const std::string &command);
+
 /// A file system: how it is made and mounted.
 struct DiskFormat {
     const char *name;
@@ -62,12 +65,14 @@ class Disk {
 
 /// A file with a modification time.
 void write_dated(const std::string &path, const std::string &content, timespec time);
+/// Cuts the modification times of everything in a folder to multiples of a step below a second.
+void cut_times(const std::string &folder, long step_ns);
 timespec modification_time(const std::string &path);
 
 inline constexpr int kJob = 7;
 
-/// Runs job 7 with these settings and waits for it.
-Outcome run_job(const Settings &settings, const ProgramOptions &options = {});
+/// Runs job 7 with these settings, at a verbosity, and waits for it. Copy logs of earlier runs are removed first.
+Outcome run_job(const Settings &settings, const ProgramOptions &options = {}, int verbosity = 5);
 
 /// Job 7's error log; the lines of its kept copy log that name a copied file ("Copy File  NAME"), by their names.
 std::string error_log();
