@@ -204,7 +204,7 @@ void check_nfs(const End &end) {
 
 /// The path behind the protocol's scheme; another scheme is reported.
 std::string without_scheme(const End &end, const std::string &scheme) {
-    const std::string path = end.text(kPath);
+    std::string path = end.text(kPath);
     if (path.starts_with(scheme)) return path.substr(scheme.size());
     const std::size_t other = path.find("://");
     if (other != std::string::npos)

@@ -41,7 +41,7 @@ Attempt try_eject(const std::string &device) {
     // Unmounted here it would stay busy all the same, for as long as such a process lives.
     if (const std::optional<pid_t> holder = disk_holder(*disk))
         return {false, "process " + std::to_string(*holder) + " still holds it"};
-    const Attempt unmounted = unmount(points);
+    Attempt unmounted = unmount(points);
     if (!unmounted.reason.empty()) return unmounted;
 
     // The kernel has the last word: somebody may have got hold of it a moment ago.

@@ -39,7 +39,7 @@ std::optional<std::string> RecordReader::next() {
         drop(next_start(bytes_, 0));
         if (bytes_.size() < kQueueRecordSize) return std::nullopt;
         const std::string_view record = std::string_view(bytes_).substr(0, kQueueRecordSize);
-        if (const std::optional<std::string> text = text_of(record)) {
+        if (std::optional<std::string> text = text_of(record)) {
             bytes_.erase(0, kQueueRecordSize);
             return text;
         }

@@ -143,6 +143,7 @@ void tell_problems(const std::vector<std::string> &problems) {
 
 std::vector<TableLine> problem_lines(const std::vector<std::string> &problems) {
     std::vector<TableLine> lines;
+    lines.reserve(problems.size());
     for (const std::string &problem : problems)
         lines.push_back({display_text(problem)});
     return lines;

@@ -3,6 +3,7 @@
 #include "tsbackup/log.h"
 #include "tsbackup/paths.h"
 #include "tsbackup_cifs.h"
+#include "tsbackup_ftp.h"
 #include "tsbackup_http.h"
 #include "tsbackup_local.h"
 #include "tsbackup_nfs.h"
@@ -29,20 +30,15 @@ struct ProtocolRow {
 
 /// Drivers that copy from a remote source, one row a protocol.
 constexpr std::initializer_list<ProtocolRow> kRemoteSources = {
-    {"cifs", backup_cifs_to_local},
-    {"cifs-ab", backup_cifsab_to_local},
-    {"nfs", backup_nfs_to_local},
-    {"http", backup_http_to_local},
-    {"rsync", backup_rsync_to_local},
+    {"cifs", backup_cifs_to_local},       {"cifs-ab", backup_cifsab_to_local}, {"nfs", backup_nfs_to_local},
+    {"ftp", backup_ftp_to_local},         {"http", backup_http_to_local},      {"rsync", backup_rsync_to_local},
     {"rsync+ssh", backup_rsync_to_local},
 };
 
 /// Drivers that copy to a remote destination, one row a protocol.
 constexpr std::initializer_list<ProtocolRow> kRemoteDestinations = {
-    {"cifs", backup_local_to_cifs},
-    {"nfs", backup_local_to_nfs},
-    {"rsync", backup_local_to_rsync},
-    {"rsync+ssh", backup_local_to_rsync},
+    {"cifs", backup_local_to_cifs},   {"nfs", backup_local_to_nfs},         {"ftp", backup_local_to_ftp},
+    {"rsync", backup_local_to_rsync}, {"rsync+ssh", backup_local_to_rsync},
 };
 
 Driver driver_of(const std::initializer_list<ProtocolRow> &rows, const JobText &protocol) {

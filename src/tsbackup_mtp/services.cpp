@@ -39,7 +39,8 @@ std::optional<std::string_view> read_line(std::FILE *file, Line &line) {
 /// The value of a line with that key, else nothing.
 std::optional<std::string_view> value_of(std::string_view line, std::string_view key) {
     const std::size_t equals = line.find('=');
-    if (equals == std::string_view::npos || equals > kKeyLength || line.substr(0, equals) != key) return std::nullopt;
+    // A line without a "=" has its end beyond any key's.
+    if (equals > kKeyLength || line.substr(0, equals) != key) return std::nullopt;
     return line.substr(equals + 1, kValueLength);
 }
 

@@ -208,7 +208,8 @@ TEST_F(Events, OfManySendersAllArriveInTheCommandOnceEach) {
     for (std::thread &sender : senders)
         sender.join();
     const auto given = [](int number) { return count_of(read_file(kGiven), "event-" + std::to_string(number) + "."); };
-    EXPECT_TRUE(wait_until([&] { return count_of(read_file(kGiven), "event-") >= kSenders * kEach; }, 60s));
+    EXPECT_TRUE(
+        wait_until([&] { return count_of(read_file(kGiven), "event-") >= std::size_t{kSenders} * kEach; }, 60s));
     for (int number = 0; number < kSenders * kEach; ++number)
         EXPECT_EQ(given(number), 1U) << number;
 }

@@ -43,7 +43,7 @@ class SdCards : public testing::Test {
 
     /// Presses the button.
     static Outcome press(const ProgramOptions &options = {}) {
-        const Outcome outcome = run_program({"-e", "0"}, options);
+        Outcome outcome = run_program({"-e", "0"}, options);
         EXPECT_EQ(outcome.status, 0);
         return outcome;
     }

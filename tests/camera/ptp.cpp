@@ -111,7 +111,7 @@ class Packet {
         std::size_t from_left = value.size();
         char *to = letters.data();
         std::size_t to_left = letters.size();
-        const iconv_t conversion = iconv_open("UTF-16LE", "UTF-8");
+        iconv_t conversion = iconv_open("UTF-16LE", "UTF-8");
         iconv(conversion, &from, &from_left, &to, &to_left);
         iconv_close(conversion);
         letters.resize(letters.size() - to_left);

@@ -36,7 +36,7 @@ const std::string kGadgets = "/run/usb_camera/config";
 const std::string kGadget = kGadgets + "/usb_gadget/camera";
 const std::string kFunction = "/run/usb_camera/function";
 constexpr std::size_t kPacket = 512;
-constexpr std::size_t kPiece = 64 * 1024;
+constexpr std::size_t kPiece = std::size_t{64} * 1024;
 // Requests of still-image devices.
 constexpr std::uint8_t kCancel = 0x64;
 constexpr std::uint8_t kReset = 0x66;

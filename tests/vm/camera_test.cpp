@@ -25,7 +25,7 @@ const std::time_t kMarch = utc(2024, 3, 5, 10, 11, 12);
 /// What the kernel tells about the simulated device ("NAME=VALUE" lines); empty when there is none.
 std::string device_of_the_bus() {
     for (const auto &entry : std::filesystem::directory_iterator("/sys/bus/usb/devices")) {
-        const std::string told = read_file(entry.path() / "uevent");
+        std::string told = read_file(entry.path() / "uevent");
         if (told.find("DEVTYPE=usb_device\n") != std::string::npos &&
             told.find("PRODUCT=1d6b/104/") != std::string::npos)
             return told;

@@ -23,7 +23,6 @@ namespace tsbackup::test {
 namespace {
 
 using testing::HasSubstr;
-using testing::Not;
 
 constexpr char kEnter[] = "\033[?1049h";
 constexpr char kLeave[] = "\033[?1049l";

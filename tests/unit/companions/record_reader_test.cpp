@@ -7,8 +7,6 @@
 namespace tsbackup::test {
 namespace {
 
-using testing::ElementsAre;
-
 constexpr std::size_t kSize = 128;
 
 std::string record(std::string text) {

@@ -12,7 +12,6 @@ namespace tsbackup::test {
 namespace {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 

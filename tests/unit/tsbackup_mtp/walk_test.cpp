@@ -17,7 +17,6 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 
 constexpr std::time_t kMarch = 1709633472; // 2024-03-05 10:11:12 UTC
 const std::string kMonth = "2024/03-Mar";
