@@ -255,7 +255,9 @@ TEST_F(Hostile, RemoteFieldsStartNothing) {
                 const Settings local = upload ? source_share("data", "Pictures") : destination_usb("1", "copy");
                 JobFile().job(kJob, incremental(remote + local)).write();
                 EXPECT_EQ(run_program({"-e", "7"}).status, 0);
-                EXPECT_EQ(state_of(kJob), "FAILED");
+                // A download by FTP that finds no server of that name is not told as a failure.
+                const bool ignored = std::string(protocol) == "ftp" && !upload;
+                EXPECT_EQ(state_of(kJob), ignored ? "COMPLETED" : "FAILED");
                 EXPECT_FALSE(file_exists(kTrace));
             }
         }
