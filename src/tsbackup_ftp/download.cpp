@@ -319,7 +319,7 @@ CURLcode _ftp_mget_recurse(Download &download, const std::string &relative, cons
     backup_progress_record(&download.run, 0);
 
     for (const std::string &name : folders) {
-        result = _ftp_mget_recurse(download, ftp_below(relative, name), local_dir + "/" + name);
+        result = _ftp_mget_recurse(download, ftp_below(relative, name), ftp_below(local_dir, name));
         if (!download.handle) return result;
         if (result == CURLE_LOGIN_DENIED) {
             report_failure(download, result);

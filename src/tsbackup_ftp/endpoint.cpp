@@ -51,7 +51,7 @@ bool ftp_can_name(const FtpEndpoint &endpoint, const std::string &relative) {
 }
 
 std::string ftp_url(const FtpEndpoint &endpoint, const std::string &relative, const std::string &suffix) {
-    const std::string host = std::string(FtpEndpoint::scheme) + "://" + endpoint.host;
+    std::string host = std::string(FtpEndpoint::scheme) + "://" + endpoint.host;
     if (relative.empty() && suffix.empty()) return host;
     return host + "/" + url_escape(ftp_join(endpoint, relative).c_str()).value_or("") + suffix;
 }

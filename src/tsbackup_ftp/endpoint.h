@@ -33,7 +33,7 @@ bool ftp_can_name(const FtpEndpoint &endpoint, const std::string &relative);
 /// The address of something below the base, escaped; `suffix` is not. The bare host with neither.
 std::string ftp_url(const FtpEndpoint &endpoint, const std::string &relative, const std::string &suffix);
 
-/// A name below a relative path.
+/// A name below a path; the name alone below an empty one.
 std::string ftp_below(const std::string &relative, const std::string &name);
 
 } // namespace tsbackup

@@ -248,7 +248,7 @@ CURLcode _ftp_mput_recurse(Upload &upload, const std::string &relative, const st
     result = put_files(upload, relative, local_dir, folders);
     for (const std::string &name : folders) {
         if (is_over(upload, result)) break;
-        result = _ftp_mput_recurse(upload, ftp_below(relative, name), local_dir + "/" + name);
+        result = _ftp_mput_recurse(upload, ftp_below(relative, name), ftp_below(local_dir, name));
     }
     return result;
 }
