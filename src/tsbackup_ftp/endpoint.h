@@ -17,6 +17,7 @@ struct FtpEndpoint {
     std::string password;
     std::string path;        ///< base of all remote paths; empty: where the log-in leads
     bool site_utime = false; ///< the server sets times of files (uploads)
+    bool old_tls = false;    ///< no newer encryption than TLS 1.2 (uploads, see _check_site_command)
 };
 
 /// Takes "ftp://HOST:PORT/PATH" apart (the scheme, the port and the path may be missing). A positive port of the job's

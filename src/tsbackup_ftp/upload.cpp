@@ -43,6 +43,14 @@ std::size_t on_reply(const char *line, std::size_t size, std::size_t count, void
     return text.size();
 }
 
+CURLcode probe(CURL *handle, const FtpEndpoint &endpoint, Replies &replies) {
+    ftp_prepare(handle, endpoint, "", "");
+    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, on_reply);
+    curl_easy_setopt(handle, CURLOPT_HEADERDATA, &replies);
+    curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, "site utime");
+    return ftp_perform(handle, ftp_join(endpoint, ""));
+}
+
 // ---- one file --------------------------------------------------------------------------------------------------
 
 int on_progress(void *context, curl_off_t download_total, curl_off_t download_now, curl_off_t upload_total,
@@ -192,13 +200,14 @@ void ftp_count_progress(Upload &upload, double total, double now) {
     last = {total, now};
 }
 
-bool _check_site_command(CURL *handle, const FtpEndpoint &endpoint) {
+bool _check_site_command(CURL *handle, FtpEndpoint &endpoint) {
     Replies replies;
-    ftp_prepare(handle, endpoint, "", "");
-    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, on_reply);
-    curl_easy_setopt(handle, CURLOPT_HEADERDATA, &replies);
-    curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, "site utime");
-    const CURLcode result = ftp_perform(handle, ftp_join(endpoint, ""));
+    endpoint.old_tls = true;
+    CURLcode result = probe(handle, endpoint, replies);
+    if (result == CURLE_SSL_CONNECT_ERROR) {
+        endpoint.old_tls = false;
+        result = probe(handle, endpoint, replies);
+    }
     if (result == CURLE_OK || result == CURLE_FTP_COULDNT_RETR_FILE) return !replies.not_implemented;
     TSBACKUP_LOG(level::error, "%s curl_easy_perform failed: %d %s\n", __func__, static_cast<int>(result),
                  curl_easy_strerror(result));

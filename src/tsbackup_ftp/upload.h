@@ -28,8 +28,10 @@ struct Upload {
 CURLcode _ftp_isdir(Upload &upload, const std::string &relative);
 CURLcode _ftp_mkdir(Upload &upload, const std::string &relative);
 
-/// Whether the server takes the command that sets a file's time.
-bool _check_site_command(CURL *handle, const FtpEndpoint &endpoint);
+/// Whether the server takes the command that sets a file's time. Being the first to talk to the server, it also finds
+/// out whether the upload can keep to `old_tls`: with TLS 1.3 a server sends tickets whenever it gets to it, and the
+/// library closes the connection of a file without having read them, upon which the end of the file is lost on its way.
+bool _check_site_command(CURL *handle, FtpEndpoint &endpoint);
 
 /// Adds to the run's bytes what has gone out since the last call. `now` and `total` are of the file on its way; a `now`
 /// that fell means that another file began.

@@ -52,7 +52,7 @@ std::vector<std::string> vsftpd(bool tls) {
     return {kUnpacked + "/vsftpd/usr/sbin/vsftpd", kFolder + "/vsftpd.conf"};
 }
 
-std::vector<std::string> proftpd(bool tls) {
+std::vector<std::string> proftpd(bool tls, bool newest_tls) {
     write_file(kFolder + "/proftpd.conf",
                "ServerName x\nServerType standalone\nDefaultServer on\nSocketBindTight on\n"
                "DefaultAddress 127.0.0.1\nPort " +
@@ -66,7 +66,8 @@ std::vector<std::string> proftpd(bool tls) {
                    "<Directory />\n  AllowOverwrite on\n</Directory>\nTLSEngine " +
                    on_or_off(tls) + "\nTLSLog " + kFolder + "/log\nTLSRSACertificateFile " + kFolder +
                    "/cert.pem\nTLSRSACertificateKeyFile " + kFolder +
-                   "/key.pem\nTLSRequired off\nTLSOptions NoSessionReuseRequired\n");
+                   "/key.pem\nTLSRequired off\nTLSOptions NoSessionReuseRequired\n" +
+                   (newest_tls ? "TLSProtocol TLSv1.3\n" : ""));
     return {kUnpacked + "/proftpd-core/usr/sbin/proftpd", "-n", "-q", "-c", kFolder + "/proftpd.conf"};
 }
 
@@ -114,7 +115,7 @@ std::vector<std::string> command(const FtpServerOptions &options) {
         server = vsftpd(options.tls);
         break;
     case FtpKind::proftpd:
-        server = proftpd(options.tls);
+        server = proftpd(options.tls, options.newest_tls);
         break;
     case FtpKind::pureftpd:
         server = pureftpd(options.tls);

@@ -14,6 +14,7 @@ enum class FtpKind { vsftpd, proftpd, pureftpd };
 struct FtpServerOptions {
     FtpKind kind = FtpKind::vsftpd;
     bool tls = false;
+    bool newest_tls = false; ///< no TLS but 1.3 (ProFTPD)
 };
 std::ostream &operator<<(std::ostream &stream, const FtpServerOptions &options);
 

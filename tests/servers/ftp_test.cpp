@@ -101,15 +101,19 @@ std::vector<std::string> sorted(std::vector<std::string> lines) {
     REQUIRE_VOLUMES();                                                                                                 \
     if (!ftp_servers_are_there()) GTEST_SKIP() << "the FTP servers were not fetched (scripts/fetch-ftp-servers)"
 
+void reset_ends() {
+    reset_appliance();
+    remove_tree(kHome);
+    make_folder(kHome);
+    remove_tree(kPictures);
+    make_share("data", "Pictures");
+}
+
 class Ftp : public testing::TestWithParam<FtpServerOptions> {
   protected:
     void SetUp() override {
         REQUIRE_FTP_SERVERS();
-        reset_appliance();
-        remove_tree(kHome);
-        make_folder(kHome);
-        remove_tree(kPictures);
-        make_share("data", "Pictures");
+        reset_ends();
     }
     void TearDown() override {
         if (!volumes()) return;
@@ -121,6 +125,14 @@ class Ftp : public testing::TestWithParam<FtpServerOptions> {
     }
 
     static bool sets_times() { return GetParam().kind != FtpKind::vsftpd; }
+};
+
+class FtpNewestTls : public testing::Test {
+  protected:
+    void SetUp() override {
+        REQUIRE_FTP_SERVERS();
+        reset_ends();
+    }
 };
 
 /// Where the server's kind alone matters.
@@ -194,6 +206,15 @@ TEST_P(Ftp, ATreeIsSentAndThenOnlyWhatIsNewerWhereTheServerKeepsTimes) {
     if (sets_times()) {
         EXPECT_THAT(copied(), IsEmpty());
     }
+    EXPECT_TRUE(same_trees(kPictures, kHome + "/up", kNamesAndContents));
+}
+
+TEST_F(FtpNewestTls, AServerWithNothingOlderGetsItsFiles) {
+    write_file(kPictures + "/folder/file", "content");
+    const FtpServer server({FtpKind::proftpd, true, true});
+    const Outcome outcome = run_job(upload());
+    EXPECT_EQ(last_result(kJob), 0) << outcome.err;
+    EXPECT_THAT(outcome.err, HasSubstr("200 Protection set to Private"));
     EXPECT_TRUE(same_trees(kPictures, kHome + "/up", kNamesAndContents));
 }
 
