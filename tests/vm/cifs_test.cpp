@@ -367,6 +367,27 @@ TEST_F(Cifs, AFullServerFailsTheFileThatDoesNotFit) {
     EXPECT_TRUE(same_trees(kPictures, served, kNamesContentsTimes));
 }
 
+// The server calls an exceeded quota a full disk.
+TEST_F(Cifs, AnExceededQuotaCountsAsAFullServer) {
+    const LimitedFolder served("/vault/limited");
+    const SambaServer server({guest_share("pub", served.path)});
+    write_file(kPictures + "/a", "first");
+    write_filler(kPictures + "/b/big", 2 * LimitedFolder::kBytes);
+    write_file(kPictures + "/c", "third");
+    cut_times(kPictures, kServerStep);
+    run(upload());
+    EXPECT_EQ(state_of(kJob), "FAILED");
+    EXPECT_EQ(last_result(kJob), 8) << error_log();
+    EXPECT_EQ(error_log(), "Cannot write file 'b/big' (error: No space left on device)!\n"
+                           "Failed to copy file 'b/big' (error: No space left on device)!\n");
+    EXPECT_THAT(job_files(), ElementsAre("a"));
+
+    served.lift();
+    expect_success(run(upload()));
+    EXPECT_THAT(job_files(), ElementsAre("b/big", "c"));
+    EXPECT_TRUE(same_trees(kPictures, served.path, kNamesContentsTimes));
+}
+
 TEST_F(Cifs, AServerThatGoesAwayDuringACopyEndsTheJobWithAnError) {
     for (const bool is_source : {true, false}) {
         SCOPED_TRACE(is_source ? "source" : "destination");

@@ -112,6 +112,19 @@ NfsServer::~NfsServer() {
 
 void NfsServer::stop() { shell_output("rpc.nfsd 0"); }
 
+LimitedFolder::LimitedFolder(std::string where) : path(std::move(where)) {
+    const std::string volume = path.substr(0, path.rfind('/'));
+    must_succeed("btrfs subvolume create " + path + " && btrfs quota enable " + volume +
+                 " && { btrfs quota rescan -w " + volume + " || :; } && btrfs qgroup limit " + std::to_string(kBytes) +
+                 " " + path);
+}
+
+LimitedFolder::~LimitedFolder() {
+    shell_output("btrfs subvolume delete " + path + "; btrfs quota disable " + path.substr(0, path.rfind('/')));
+}
+
+void LimitedFolder::lift() const { must_succeed("btrfs qgroup limit none " + path); }
+
 ProgramOptions patient_options() {
     const std::string path = std::string(kSlowFolder) + "/timeout";
     if (!file_exists(path))

@@ -46,6 +46,17 @@ class NfsServer {
     void stop();
 };
 
+/// A folder on a btrfs volume that takes no more than a few megabytes.
+struct LimitedFolder {
+    static constexpr std::size_t kBytes = 8 << 20;
+    std::string path;
+    explicit LimitedFolder(std::string where);
+    ~LimitedFolder();
+    LimitedFolder(const LimitedFolder &) = delete;
+    LimitedFolder &operator=(const LimitedFolder &) = delete;
+    void lift() const;
+};
+
 /// What lies between the program and its mount commands: a "timeout" that gives a guest, which is about twelve times
 /// slower than a machine, twelve times as long. To be passed as the program's environment.
 ProgramOptions patient_options();

@@ -12,6 +12,9 @@ namespace tsbackup::test {
 namespace {
 
 using namespace std::chrono_literals;
+using testing::AllOf;
+using testing::AnyOf;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -236,6 +239,28 @@ TEST_F(Nfs, AFullServerFailsTheFileThatDoesNotFit) {
     expect_success(run(upload("127.0.0.1:" + exported)));
     EXPECT_THAT(copied_files(), ElementsAre("b/big", "c"));
     EXPECT_TRUE(same_trees(kPictures, exported));
+}
+
+// Other than a full disk, an exceeded quota ends the file alone. Whether the next one fits depends on when the server
+// gives the space of the cut file back.
+TEST_F(Nfs, AnExceededQuotaFailsEachFileByItself) {
+    const LimitedFolder exported("/vault/limited");
+    const NfsServer server({{exported.path}});
+    write_file(kPictures + "/a", "first");
+    write_filler(kPictures + "/b/big", 2 * LimitedFolder::kBytes);
+    write_file(kPictures + "/c", "third");
+    run(upload("127.0.0.1:" + exported.path));
+    EXPECT_EQ(state_of(kJob), "FAILED");
+    EXPECT_EQ(last_result(kJob), 6);
+    const std::string one = "Cannot write file 'b/big' (error: Disk quota exceeded)!\n"
+                            "Failed to copy file 'b/big' (error: Disk quota exceeded)!\n";
+    EXPECT_THAT(error_log(), AnyOf(one, one + "Cannot create file '/job_007/c' (error: Disk quota exceeded)!\n"));
+    EXPECT_THAT(copied_files(), AllOf(Contains("a"), Not(Contains("b/big"))));
+
+    exported.lift();
+    expect_success(run(upload("127.0.0.1:" + exported.path)));
+    EXPECT_THAT(copied_files(), Contains("b/big"));
+    EXPECT_TRUE(same_trees(kPictures, exported.path));
 }
 
 // The client gives up after three minutes for each call of the program unless the system tells it to be less patient,
