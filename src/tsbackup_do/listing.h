@@ -1,6 +1,6 @@
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -10,8 +10,8 @@ namespace tsbackup {
 /// entries costs little more than its names.
 class Listing {
   public:
-    /// Reads the folder behind `fd` from its start. Entries whose type is known and is neither a regular file nor a
-    /// directory are left out, as are "." and "..". Returns 0 or an errno value. `fd` stays open.
+    /// Reads the folder behind `fd`, which was not read before. Entries whose type is known and is neither a regular
+    /// file nor a directory are left out, as are "." and "..". Returns 0 or an errno value. `fd` stays open.
     int read(int fd);
 
     std::size_t size() const { return starts_.size(); }
@@ -20,6 +20,8 @@ class Listing {
     unsigned char type(std::size_t index) const { return static_cast<unsigned char>(block_[starts_[index]]); }
 
   private:
+    void append(const char *piece, std::size_t size);
+
     std::string block_;               ///< for each entry its type in one byte, its name, a terminator
     std::vector<std::size_t> starts_; ///< where each entry begins in the block
 };

@@ -101,6 +101,8 @@ struct Walk {
     std::uint64_t copies = 0;  ///< files that the walk has copied, or tried to
     dev_t dst_root_device = 0; ///< with the inode: the destination's root, 0 while unknown
     ino_t dst_root_inode = 0;
+    dev_t src_device = 0; ///< where the walk was last, and its file-system type; 0: nowhere yet
+    long src_type = 0;
 };
 
 /// One folder of the tree and its counterpart.
@@ -206,14 +208,19 @@ int choose_time_resolution(Folder &folder, const Place &dst) {
 
 /// Notes what the files of the folder would otherwise ask one by one.
 void gather_facts(Folder &folder, const Place &dst) {
+    Walk &walk = folder.walk;
     struct stat status {};
-    struct statfs statistics {};
     if (folder.src_fd && fstat(folder.src_fd.get(), &status) == 0) {
         folder.src_device = status.st_dev;
         folder.src_inode = status.st_ino;
-        if (fstatfs(folder.src_fd.get(), &statistics) == 0) {
+        struct statfs statistics {};
+        if (status.st_dev != walk.src_device && fstatfs(folder.src_fd.get(), &statistics) == 0) {
+            walk.src_device = status.st_dev;
+            walk.src_type = statistics.f_type;
+        }
+        if (status.st_dev == walk.src_device) {
             folder.facts.src_device = status.st_dev;
-            folder.facts.src_type = statistics.f_type;
+            folder.facts.src_type = walk.src_type;
         }
     }
     if (!folder.dst_fd || fstat(folder.dst_fd.get(), &status) != 0) {
@@ -221,7 +228,6 @@ void gather_facts(Folder &folder, const Place &dst) {
         return;
     }
     folder.facts.dst_device = status.st_dev;
-    Walk &walk = folder.walk;
     if (walk.dst_root_inode == 0) {
         walk.dst_root_device = status.st_dev;
         walk.dst_root_inode = status.st_ino;

@@ -92,6 +92,19 @@ struct dirent *__wrap_readdir64(DIR *folder) {
     return entry;
 }
 
+ssize_t __real_getdents64(int fd, void *buffer, size_t size);
+ssize_t __wrap_getdents64(int fd, void *buffer, size_t size) {
+    const ssize_t result = __real_getdents64(fd, buffer, size);
+    auto *bytes = static_cast<char *>(buffer);
+    for (ssize_t at = 0; at < result;) {
+        auto *entry = reinterpret_cast<dirent *>(bytes + at);
+        if (kernel().entry) kernel().entry(*entry);
+        at += entry->d_reclen;
+    }
+    if (result == 0 && kernel().listed) kernel().listed();
+    return result == 0 && kernel().listing_error != 0 ? fail(kernel().listing_error) : result;
+}
+
 int __real_close(int fd);
 int __wrap_close(int fd) {
     const int error = kernel().close ? kernel().close(fd) : 0;
