@@ -3,6 +3,7 @@
 #include "copy_file.h"
 #include "listing.h"
 #include "metadata.h"
+#include "scout.h"
 #include "tsbackup/codes.h"
 #include "tsbackup/log.h"
 #include "tsbackup/paths.h"
@@ -23,6 +24,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace tsbackup {
 
@@ -49,6 +51,8 @@ constexpr std::size_t kLookAhead = 16;
 constexpr off_t kAnnounced = off_t{1024} * 1024;
 /// Folders nested deeper than this are reached by their whole path, so that no tree uses up the descriptors.
 constexpr int kHeldLevels = 200;
+/// So many subfolders are divided between the walk and its scout at a time.
+constexpr std::size_t kScoutedFolders = 32;
 
 // ---- paths -----------------------------------------------------------------------------------------------------
 
@@ -86,6 +90,7 @@ class PathBuffer {
 /// A file that the walk has looked at before its turn.
 struct UpcomingFile {
     bool to_be_copied = false;
+    bool seen_by_scout = false;        ///< unchanged, as the scout says
     std::optional<struct stat> status; ///< no value: it could not be examined
     UniqueFd fd;                       ///< -1: it is opened when its turn comes
     std::uint64_t copies_before = 0;   ///< how many files the walk had copied when it looked
@@ -93,6 +98,9 @@ struct UpcomingFile {
 
 /// What lasts as long as the walk through one tree.
 struct Walk {
+    Walk(BackupRun &backup_run, const char *src_root, const char *dst_root)
+        : run(backup_run), src(src_root), dst(dst_root) {}
+
     BackupRun &run;
     PathBuffer src;
     PathBuffer dst;
@@ -103,6 +111,9 @@ struct Walk {
     ino_t dst_root_inode = 0;
     dev_t src_device = 0; ///< where the walk was last, and its file-system type; 0: nowhere yet
     long src_type = 0;
+    Scout scout;
+    ScoutReport *report = nullptr; ///< of the folder that is about to be entered
+    std::uint64_t copies_at_last_folder = 0;
 };
 
 /// One folder of the tree and its counterpart.
@@ -110,10 +121,14 @@ struct Folder {
     Walk &walk;
     UniqueFd src_fd; ///< -1: entries are reached by their whole path
     UniqueFd dst_fd;
-    dev_t src_device = 0;
+    dev_t src_device = 0; ///< with the inode: which folder it is, 0 while unknown
     ino_t src_inode = 0;
+    ino_t dst_inode = 0;
     FolderFacts facts;
     Listing listing;
+    std::string unchanged; ///< what the scout says of the entries; empty: nothing
+    std::uint64_t copies_before_scout = 0;
+    std::vector<ScoutReport> reports; ///< of subfolders
 };
 
 /// The places of an entry on both sides, for as long as the object lives.
@@ -209,25 +224,24 @@ int choose_time_resolution(Folder &folder, const Place &dst) {
 /// Notes what the files of the folder would otherwise ask one by one.
 void gather_facts(Folder &folder, const Place &dst) {
     Walk &walk = folder.walk;
-    struct stat status {};
-    if (folder.src_fd && fstat(folder.src_fd.get(), &status) == 0) {
-        folder.src_device = status.st_dev;
-        folder.src_inode = status.st_ino;
+    if (folder.src_inode != 0) {
         struct statfs statistics {};
-        if (status.st_dev != walk.src_device && fstatfs(folder.src_fd.get(), &statistics) == 0) {
-            walk.src_device = status.st_dev;
+        if (folder.src_device != walk.src_device && fstatfs(folder.src_fd.get(), &statistics) == 0) {
+            walk.src_device = folder.src_device;
             walk.src_type = statistics.f_type;
         }
-        if (status.st_dev == walk.src_device) {
-            folder.facts.src_device = status.st_dev;
+        if (folder.src_device == walk.src_device) {
+            folder.facts.src_device = folder.src_device;
             folder.facts.src_type = walk.src_type;
         }
     }
+    struct stat status {};
     if (!folder.dst_fd || fstat(folder.dst_fd.get(), &status) != 0) {
         folder.facts.dst_type = 0;
         return;
     }
     folder.facts.dst_device = status.st_dev;
+    folder.dst_inode = status.st_ino;
     if (walk.dst_root_inode == 0) {
         walk.dst_root_device = status.st_dev;
         walk.dst_root_inode = status.st_ino;
@@ -258,10 +272,19 @@ UniqueFd open_and_announce(const Place &src, const struct stat &status) {
     return fd;
 }
 
+/// Whether the scout has seen that a file is unchanged, and nothing was copied since.
+bool is_seen_unchanged(const Folder &folder, std::size_t index) {
+    return !folder.unchanged.empty() && folder.unchanged[index] != 0 &&
+           folder.copies_before_scout == folder.walk.copies;
+}
+
 /// Decides whether a file is to be copied.
-void look_at_file(Folder &folder, const char *name, UpcomingFile &file) {
+void look_at_file(Folder &folder, std::size_t index, UpcomingFile &file) {
     file = UpcomingFile{};
     file.copies_before = folder.walk.copies;
+    file.seen_by_scout = is_seen_unchanged(folder, index);
+    if (file.seen_by_scout) return;
+    const char *name = folder.listing.name(index);
     const EntryPlaces places(folder, name);
     const bool full = folder.walk.run.full != 0;
 
@@ -295,10 +318,9 @@ mode_t entry_mode(Folder &folder, std::size_t index) {
 [[gnu::noinline]] std::size_t look_ahead(Folder &folder, std::size_t current, std::size_t from) {
     std::size_t index = std::max(current, from);
     for (; index < folder.listing.size() && index < current + kLookAhead; ++index) {
-        const char *name = folder.listing.name(index);
-        if (is_reserved_name(name)) continue;
+        if (is_reserved_name(folder.listing.name(index))) continue;
         if (!S_ISREG(entry_mode(folder, index))) break;
-        look_at_file(folder, name, folder.walk.upcoming[index % kLookAhead]);
+        look_at_file(folder, index, folder.walk.upcoming[index % kLookAhead]);
     }
     return index;
 }
@@ -353,9 +375,52 @@ bool is_tmpfs(const char *path) {
     return false;
 }
 
+ScoutedState present_state(const Walk &walk) { return {walk.copies, timestamp_resolution_ns, coarse_dst_times}; }
+
+/// Sends the scout to the second half of the next subfolders; the walk has the first half before it. Where files are
+/// being copied the reports would be out of date.
+void send_scout_ahead(Folder &folder, std::size_t index) {
+    Walk &walk = folder.walk;
+    const bool is_calm = std::exchange(walk.copies_at_last_folder, walk.copies) == walk.copies;
+    if (!is_calm || walk.run.full != 0 || folder.facts.dst_is_fresh || !folder.src_fd || !folder.dst_fd) return;
+    std::vector<std::string> names;
+    for (; index < folder.listing.size() && names.size() < kScoutedFolders; ++index)
+        if (folder.listing.type(index) == DT_DIR && !is_reserved_name(folder.listing.name(index)))
+            names.emplace_back(folder.listing.name(index));
+    names.erase(names.begin(), names.begin() + static_cast<std::ptrdiff_t>((names.size() + 1) / 2));
+    walk.scout.send({folder.src_fd.get(), folder.dst_fd.get(), std::move(names), present_state(walk)});
+}
+
+/// Looks for the scout's report of a subfolder whose turn has come.
+[[gnu::noinline]] void confer_with_scout(Folder &folder, std::size_t index) {
+    Walk &walk = folder.walk;
+    const char *name = folder.listing.name(index);
+    if (walk.scout.was_sent_to(folder.src_fd.get(), name)) folder.reports = walk.scout.fetch();
+    const auto report = std::find_if(folder.reports.begin(), folder.reports.end(),
+                                     [name](const ScoutReport &one) { return one.name == name; });
+    walk.report = report != folder.reports.end() ? &*report : nullptr;
+    if (walk.report == nullptr && !walk.scout.was_sent_below(folder.src_fd.get())) send_scout_ahead(folder, index);
+}
+
+/// Whether a report is of that source folder and still counts.
+bool is_report_of_source(const ScoutReport &report, const Folder &folder) {
+    return report.src_device == folder.src_device && report.src_inode == folder.src_inode &&
+           report.state.copies == folder.walk.copies;
+}
+
+/// Takes over what the scout saw of the files, when it was in the same destination.
+void take_over_report(Folder &folder, ScoutReport &report) {
+    if (report.dst_device != folder.facts.dst_device || report.dst_inode != folder.dst_inode ||
+        report.state != present_state(folder.walk))
+        return;
+    folder.unchanged = std::move(report.unchanged);
+    folder.copies_before_scout = report.state.copies;
+}
+
 /// Copies a subfolder. No value when it is left out.
-std::optional<int> copy_subfolder(Folder &folder, const char *name, int depth) {
-    const EntryPlaces places(folder, name);
+std::optional<int> copy_subfolder(Folder &folder, std::size_t index, int depth) {
+    confer_with_scout(folder, index);
+    const EntryPlaces places(folder, folder.listing.name(index));
     if (is_left_out(folder, places.src)) return std::nullopt;
     return copy_folder(folder.walk, places.src, places.dst, depth + 1);
 }
@@ -364,6 +429,7 @@ std::optional<int> copy_subfolder(Folder &folder, const char *name, int depth) {
 [[gnu::noinline]] std::optional<int> copy_file_at_its_turn(Folder &folder, std::size_t index) {
     const char *name = folder.listing.name(index);
     UpcomingFile file = std::exchange(folder.walk.upcoming[index % kLookAhead], UpcomingFile{});
+    if (file.seen_by_scout && file.copies_before != folder.walk.copies) look_at_file(folder, index, file);
     if (!file.to_be_copied && is_still_up_to_date(folder, name, file)) return std::nullopt;
     return copy_upcoming_file(folder, name, file);
 }
@@ -376,7 +442,7 @@ std::optional<int> copy_subfolder(Folder &folder, const char *name, int depth) {
 /// Copies one entry that stands at its turn. No value when it is left out.
 std::optional<int> copy_entry(Folder &folder, std::size_t index, int depth) {
     const mode_t mode = entry_mode(folder, index);
-    if (S_ISDIR(mode)) return copy_subfolder(folder, folder.listing.name(index), depth);
+    if (S_ISDIR(mode)) return copy_subfolder(folder, index, depth);
     if (S_ISREG(mode)) return copy_file_at_its_turn(folder, index);
     report_skipped_entry(folder, index, mode);
     return std::nullopt;
@@ -404,6 +470,7 @@ int copy_entries(Folder &folder, int depth) {
             break;
         }
     }
+    if (folder.walk.scout.was_sent_below(folder.src_fd.get())) folder.walk.scout.fetch();
     return result;
 }
 
@@ -418,13 +485,26 @@ bool holds_snapshots(const BackupRun &run, const char *path) {
     return std::strstr(path, "/snapshot") != nullptr && is_share_snapshot_dir(path);
 }
 
+void identify_source(Folder &folder) {
+    struct stat status {};
+    if (!folder.src_fd || fstat(folder.src_fd.get(), &status) != 0) return;
+    folder.src_device = status.st_dev;
+    folder.src_inode = status.st_ino;
+}
+
+int read_listing(Folder &folder, int open_error) {
+    return folder.src_fd ? folder.listing.read(folder.src_fd.get()) : open_error;
+}
+
 /// Makes the destination where it is missing, and opens and lists the two folders. 0 or an errno value.
 [[gnu::noinline]] int open_folder(Folder &folder, const Place &src, const Place &dst, int depth) {
+    ScoutReport *report = std::exchange(folder.walk.report, nullptr);
     // Opened ahead of everything else: what happens to the folder's name from here on changes nothing. Another job that
     // starts now deletes this run's snapshot, which lives on for as long as it is held open.
     const int follow = depth == 0 ? 0 : O_NOFOLLOW;
     folder.src_fd.reset(openat(src.folder, src.name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | follow));
     const int open_error = folder.src_fd ? 0 : errno;
+    identify_source(folder);
 
     struct stat dst_status {};
     if (fstatat(dst.folder, dst.name, &dst_status, 0) != 0) {
@@ -432,7 +512,9 @@ bool holds_snapshots(const BackupRun &run, const char *path) {
         folder.facts.dst_is_fresh = true;
     }
 
-    if (const int error = folder.src_fd ? folder.listing.read(folder.src_fd.get()) : open_error) {
+    if (report != nullptr && !is_report_of_source(*report, folder)) report = nullptr;
+    if (report != nullptr) folder.listing = std::move(report->listing);
+    if (const int error = report != nullptr ? 0 : read_listing(folder, open_error)) {
         TSBACKUP_LOG(level::warning, "Failed to scan dir '%s' (%s)\n", src.path, error_text(error).c_str());
         return error;
     }
@@ -440,6 +522,7 @@ bool holds_snapshots(const BackupRun &run, const char *path) {
     folder.dst_fd.reset(openat(dst.folder, dst.name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (const int error = choose_time_resolution(folder, dst)) return error;
     gather_facts(folder, dst);
+    if (report != nullptr) take_over_report(folder, *report);
     if (depth > kHeldLevels) {
         folder.src_fd.reset();
         folder.dst_fd.reset();
@@ -452,7 +535,7 @@ bool holds_snapshots(const BackupRun &run, const char *path) {
 int copy_folder(Walk &walk, const Place &src, const Place &dst, int depth) {
     TSBACKUP_LOG(level::debug, "do_copy_dir(\"%s\", \"%s\")\n", src.path, dst.path);
     if (holds_snapshots(walk.run, src.path)) return 0;
-    Folder folder{walk, UniqueFd(), UniqueFd(), 0, 0, {}, {}};
+    Folder folder{walk, UniqueFd(), UniqueFd(), 0, 0, 0, {}, {}, {}, 0, {}};
     if (const int error = open_folder(folder, src, dst, depth)) return error;
     return copy_entries(folder, depth);
 }
@@ -460,7 +543,7 @@ int copy_folder(Walk &walk, const Place &src, const Place &dst, int depth) {
 } // namespace
 
 int do_copy_dir(const char *src, const char *dst, BackupRun &run) {
-    const std::unique_ptr<Walk> walk(new (std::nothrow) Walk{run, PathBuffer(src), PathBuffer(dst), {}, {}, 0});
+    const std::unique_ptr<Walk> walk(new (std::nothrow) Walk(run, src, dst));
     if (!walk) return ENOMEM;
     return copy_folder(*walk, Place::of_path(walk->src.text()), Place::of_path(walk->dst.text()), 0);
 }
