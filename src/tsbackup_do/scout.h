@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <pthread.h>
 #include <string>
 #include <sys/types.h>
@@ -23,17 +24,26 @@ struct ScoutedState {
     bool operator==(const ScoutedState &) const = default;
 };
 
-/// Subfolders to look at.
+/// Subfolders of one folder to look at. The walk comes from the front, the scout goes to the last one first.
 struct ScoutOrder {
-    int src_parent = -1; ///< lent; both stay open until the reports were fetched
+    int src_parent = -1; ///< lent, and what the order is known by; both stay open until it is ended
     int dst_parent = -1;
     std::vector<std::string> names;
+    ScoutedState state;
+};
+
+/// One of them.
+struct ScoutErrand {
+    int src_parent = -1;
+    int dst_parent = -1;
+    std::string name;
     ScoutedState state;
 };
 
 /// What the scout saw in one subfolder. It judges no file that is to be copied: a file counts as unchanged, or has to
 /// be looked at.
 struct ScoutReport {
+    int src_parent = -1;
     std::string name;
     ScoutedState state;
     dev_t src_device = 0; ///< with the inode: the folders that were looked at
@@ -44,8 +54,8 @@ struct ScoutReport {
     std::string unchanged; ///< for each entry of the listing, not 0: a regular file whose copy is up to date
 };
 
-/// Carries out one order at a time, in a thread of its own that ends with the object. It writes nothing, anywhere.
-/// Where no thread can be had there are no reports, and the walk sees for itself.
+/// Carries out orders, the last one given first, in a thread of its own that ends with the object. It writes nothing,
+/// anywhere. Where no thread can be had there are no reports, and the walk sees for itself.
 class Scout {
   public:
     Scout() = default;
@@ -53,35 +63,34 @@ class Scout {
     Scout(const Scout &) = delete;
     Scout &operator=(const Scout &) = delete;
 
-    /// Gives an order. One that was given before is ended, and its reports are lost.
+    /// Gives an order, in place of an earlier one for the same folder.
     void send(ScoutOrder order);
-    /// Whether there is an order for subfolders of that folder.
-    bool was_sent_below(int src_parent) const { return sent_ && parent_ == src_parent; }
-    /// Whether it begins with that subfolder.
-    bool was_sent_to(int src_parent, const char *name) const { return was_sent_below(src_parent) && first_ == name; }
-    /// Ends the order, and gives its reports. Waits for a scout that is on its way; an order that it has not set out
-    /// for yet is taken back.
-    std::vector<ScoutReport> fetch();
+    /// The report of one subfolder of an order. No value: the scout has not been there and will not go. Waits for a
+    /// scout that is there just now.
+    std::optional<ScoutReport> take(int src_parent, const std::string &name);
+    /// Ends the order for a folder, if there is one; waits as `take` does. Reports that were not taken are gone.
+    void end(int src_parent);
+    /// Ends all orders without waiting.
+    void end_all();
 
   private:
-    enum class State { idle, ordered, on_the_way, dismissed };
-
     bool start();
     static void *thread(void *scout);
     void work();
+    std::optional<ScoutErrand> next_errand();
+    void drop_reports(int src_parent);
 
-    bool sent_ = false; ///< there is an order; this and its parent and first name are the walk's alone
-    int parent_ = -1;
-    std::string first_;
-    bool started_ = false;
+    bool started_ = false; ///< this and the next two are the walk's alone
     bool unavailable_ = false;
     pthread_t thread_{};
 
     std::mutex mutex_; ///< guards what follows
     std::condition_variable changed_;
-    State state_ = State::idle;
-    ScoutOrder order_;
+    bool dismissed_ = false;
+    std::vector<ScoutOrder> orders_;     ///< with the names that are left
+    std::optional<ScoutErrand> present_; ///< where the scout is
     std::vector<ScoutReport> reports_;
+    std::size_t remembered_ = 0; ///< entries in all reports
 };
 
 } // namespace tsbackup

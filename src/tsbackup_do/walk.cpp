@@ -51,7 +51,7 @@ constexpr std::size_t kLookAhead = 16;
 constexpr off_t kAnnounced = off_t{1024} * 1024;
 /// Folders nested deeper than this are reached by their whole path, so that no tree uses up the descriptors.
 constexpr int kHeldLevels = 200;
-/// So many subfolders are divided between the walk and its scout at a time.
+/// So many subfolders at most are divided between the walk and its scout at a time.
 constexpr std::size_t kScoutedFolders = 32;
 
 // ---- paths -----------------------------------------------------------------------------------------------------
@@ -112,7 +112,7 @@ struct Walk {
     dev_t src_device = 0; ///< where the walk was last, and its file-system type; 0: nowhere yet
     long src_type = 0;
     Scout scout;
-    ScoutReport *report = nullptr; ///< of the folder that is about to be entered
+    std::optional<ScoutReport> report; ///< of the folder that is about to be entered
     std::uint64_t copies_at_last_folder = 0;
 };
 
@@ -128,7 +128,8 @@ struct Folder {
     Listing listing;
     std::string unchanged; ///< what the scout says of the entries; empty: nothing
     std::uint64_t copies_before_scout = 0;
-    std::vector<ScoutReport> reports; ///< of subfolders
+    std::size_t scouted_up_to = 0;    ///< the entry behind the last subfolder that the scout was sent to
+    std::uint64_t scouted_copies = 0; ///< the walk's copies at that time
 };
 
 /// The places of an entry on both sides, for as long as the object lives.
@@ -377,29 +378,31 @@ bool is_tmpfs(const char *path) {
 
 ScoutedState present_state(const Walk &walk) { return {walk.copies, timestamp_resolution_ns, coarse_dst_times}; }
 
-/// Sends the scout to the second half of the next subfolders; the walk has the first half before it. Where files are
-/// being copied the reports would be out of date.
+/// Sends the scout to the subfolders behind an entry.
 void send_scout_ahead(Folder &folder, std::size_t index) {
     Walk &walk = folder.walk;
-    const bool is_calm = std::exchange(walk.copies_at_last_folder, walk.copies) == walk.copies;
-    if (!is_calm || walk.run.full != 0 || folder.facts.dst_is_fresh || !folder.src_fd || !folder.dst_fd) return;
+    if (walk.run.full != 0 || folder.facts.dst_is_fresh || !folder.src_fd || !folder.dst_fd) return;
     std::vector<std::string> names;
-    for (; index < folder.listing.size() && names.size() < kScoutedFolders; ++index)
-        if (folder.listing.type(index) == DT_DIR && !is_reserved_name(folder.listing.name(index)))
-            names.emplace_back(folder.listing.name(index));
-    names.erase(names.begin(), names.begin() + static_cast<std::ptrdiff_t>((names.size() + 1) / 2));
+    for (++index; index < folder.listing.size() && names.size() < kScoutedFolders; ++index) {
+        const char *name = folder.listing.name(index);
+        if (folder.listing.type(index) == DT_DIR && !is_reserved_name(name)) names.emplace_back(name);
+    }
+    folder.scouted_up_to = index;
+    folder.scouted_copies = walk.copies;
     walk.scout.send({folder.src_fd.get(), folder.dst_fd.get(), std::move(names), present_state(walk)});
 }
 
-/// Looks for the scout's report of a subfolder whose turn has come.
+/// Looks for the scout's report of a subfolder whose turn has come, and keeps the scout at work. Where files are being
+/// copied it stays behind: its reports would be out of date.
 [[gnu::noinline]] void confer_with_scout(Folder &folder, std::size_t index) {
     Walk &walk = folder.walk;
-    const char *name = folder.listing.name(index);
-    if (walk.scout.was_sent_to(folder.src_fd.get(), name)) folder.reports = walk.scout.fetch();
-    const auto report = std::find_if(folder.reports.begin(), folder.reports.end(),
-                                     [name](const ScoutReport &one) { return one.name == name; });
-    walk.report = report != folder.reports.end() ? &*report : nullptr;
-    if (walk.report == nullptr && !walk.scout.was_sent_below(folder.src_fd.get())) send_scout_ahead(folder, index);
+    walk.report.reset();
+    if (std::exchange(walk.copies_at_last_folder, walk.copies) != walk.copies) {
+        walk.scout.end_all();
+        return;
+    }
+    walk.report = walk.scout.take(folder.src_fd.get(), folder.listing.name(index));
+    if (index + 1 >= folder.scouted_up_to || folder.scouted_copies != walk.copies) send_scout_ahead(folder, index);
 }
 
 /// Whether a report is of that source folder and still counts.
@@ -470,7 +473,7 @@ int copy_entries(Folder &folder, int depth) {
             break;
         }
     }
-    if (folder.walk.scout.was_sent_below(folder.src_fd.get())) folder.walk.scout.fetch();
+    if (folder.scouted_up_to != 0) folder.walk.scout.end(folder.src_fd.get());
     return result;
 }
 
@@ -498,7 +501,7 @@ int read_listing(Folder &folder, int open_error) {
 
 /// Makes the destination where it is missing, and opens and lists the two folders. 0 or an errno value.
 [[gnu::noinline]] int open_folder(Folder &folder, const Place &src, const Place &dst, int depth) {
-    ScoutReport *report = std::exchange(folder.walk.report, nullptr);
+    std::optional<ScoutReport> report = std::exchange(folder.walk.report, std::nullopt);
     // Opened ahead of everything else: what happens to the folder's name from here on changes nothing. Another job that
     // starts now deletes this run's snapshot, which lives on for as long as it is held open.
     const int follow = depth == 0 ? 0 : O_NOFOLLOW;
@@ -512,9 +515,9 @@ int read_listing(Folder &folder, int open_error) {
         folder.facts.dst_is_fresh = true;
     }
 
-    if (report != nullptr && !is_report_of_source(*report, folder)) report = nullptr;
-    if (report != nullptr) folder.listing = std::move(report->listing);
-    if (const int error = report != nullptr ? 0 : read_listing(folder, open_error)) {
+    if (report && !is_report_of_source(*report, folder)) report.reset();
+    if (report) folder.listing = std::move(report->listing);
+    if (const int error = report ? 0 : read_listing(folder, open_error)) {
         TSBACKUP_LOG(level::warning, "Failed to scan dir '%s' (%s)\n", src.path, error_text(error).c_str());
         return error;
     }
@@ -522,7 +525,7 @@ int read_listing(Folder &folder, int open_error) {
     folder.dst_fd.reset(openat(dst.folder, dst.name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (const int error = choose_time_resolution(folder, dst)) return error;
     gather_facts(folder, dst);
-    if (report != nullptr) take_over_report(folder, *report);
+    if (report) take_over_report(folder, *report);
     if (depth > kHeldLevels) {
         folder.src_fd.reset();
         folder.dst_fd.reset();
@@ -535,7 +538,7 @@ int read_listing(Folder &folder, int open_error) {
 int copy_folder(Walk &walk, const Place &src, const Place &dst, int depth) {
     TSBACKUP_LOG(level::debug, "do_copy_dir(\"%s\", \"%s\")\n", src.path, dst.path);
     if (holds_snapshots(walk.run, src.path)) return 0;
-    Folder folder{walk, UniqueFd(), UniqueFd(), 0, 0, 0, {}, {}, {}, 0, {}};
+    Folder folder{walk, UniqueFd(), UniqueFd(), 0, 0, 0, {}, {}, {}, 0, 0, 0};
     if (const int error = open_folder(folder, src, dst, depth)) return error;
     return copy_entries(folder, depth);
 }

@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <optional>
 #include <random>
 #include <unistd.h>
 
@@ -15,7 +16,6 @@ namespace tsbackup::test {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 constexpr std::int64_t kTime = 1'600'000'000;
 
@@ -45,15 +45,15 @@ class ScoutOrders : public EngineTest {
         dst_ = UniqueFd(open((root_ + "/dst").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         return {src_.get(), dst_.get(), std::move(names), {7, 100'000, 0}};
     }
-    /// Fetches the reports of an order that the scout may not have set out for.
-    static std::vector<ScoutReport> report_on(Scout &scout, const ScoutOrder &order) {
-        constexpr int kAttempts = 10'000;
-        for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    /// Waits for the report of a subfolder that can be looked at.
+    static std::optional<ScoutReport> report_of(Scout &scout, const ScoutOrder &order, const std::string &name) {
+        constexpr useconds_t kLongest = 4'000'000;
+        for (useconds_t wait = 1000; wait < kLongest; wait += wait / 2) {
             scout.send(order);
-            usleep(1000);
-            if (std::vector<ScoutReport> reports = scout.fetch(); !reports.empty()) return reports;
+            usleep(wait);
+            if (std::optional<ScoutReport> report = scout.take(order.src_parent, name)) return report;
         }
-        return {};
+        return std::nullopt;
     }
     void TearDown() override {
         src_.reset();
@@ -75,15 +75,15 @@ TEST_F(ScoutOrders, OnlyRegularFilesWithTheSameSizeAndTimeAreUnchanged) {
     ASSERT_EQ(symlink("same", (root_ + "/src/a/link").c_str()), 0);
 
     Scout scout;
-    const std::vector<ScoutReport> reports = report_on(scout, order({"a"}));
-    ASSERT_EQ(reports.size(), 1U);
-    EXPECT_EQ(reports[0].name, "a");
-    EXPECT_EQ(reports[0].state.copies, 7U);
-    EXPECT_EQ(reports[0].src_inode, status_of(root_ + "/src/a").st_ino);
-    EXPECT_EQ(reports[0].dst_inode, status_of(root_ + "/dst/a").st_ino);
+    const auto report = report_of(scout, order({"the walk's", "a"}), "a");
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->name, "a");
+    EXPECT_EQ(report->state.copies, 7U);
+    EXPECT_EQ(report->src_inode, status_of(root_ + "/src/a").st_ino);
+    EXPECT_EQ(report->dst_inode, status_of(root_ + "/dst/a").st_ino);
     std::vector<std::string> seen;
-    for (std::size_t index = 0; index < reports[0].listing.size(); ++index)
-        seen.push_back(std::string(reports[0].listing.name(index)) + (reports[0].unchanged[index] != 0 ? " =" : ""));
+    for (std::size_t index = 0; index < report->listing.size(); ++index)
+        seen.push_back(std::string(report->listing.name(index)) + (report->unchanged[index] != 0 ? " =" : ""));
     EXPECT_THAT(seen, ElementsAre("folder", "longer", "missing", "newer", "same ="));
 }
 
@@ -93,30 +93,62 @@ TEST_F(ScoutOrders, FoldersThatCannotBeComparedAreNotReported) {
     ASSERT_EQ(symlink("a", (root_ + "/src/link").c_str()), 0);
     make_folder(root_ + "/dst/link");
     Scout scout;
-    const std::vector<ScoutReport> reports = report_on(scout, order({"nowhere", "only in the source", "link", "b"}));
-    ASSERT_EQ(reports.size(), 1U);
-    EXPECT_EQ(reports[0].name, "b");
+    const ScoutOrder four = order({"the walk's", "b", "nowhere", "only in the source", "link"});
+    ASSERT_TRUE(report_of(scout, four, "b"));
+    for (const char *name : {"nowhere", "only in the source", "link"})
+        EXPECT_FALSE(scout.take(four.src_parent, name)) << name;
 }
 
-TEST_F(ScoutOrders, AnOrderIsKnownUntilItIsFetchedOrReplaced) {
+TEST_F(ScoutOrders, TheFirstSubfolderIsLeftToTheWalk) {
+    write_pair(root_, "a/file");
+    write_pair(root_, "b/file");
     Scout scout;
-    EXPECT_THAT(scout.fetch(), IsEmpty());
-    scout.send(order({"a", "b"}));
-    EXPECT_TRUE(scout.was_sent_to(src_.get(), "a"));
-    EXPECT_FALSE(scout.was_sent_to(src_.get(), "b"));
-    EXPECT_FALSE(scout.was_sent_to(dst_.get(), "a"));
-    EXPECT_TRUE(scout.was_sent_below(src_.get()));
-    scout.send(order({"b"}));
-    EXPECT_TRUE(scout.was_sent_to(src_.get(), "b"));
-    scout.fetch();
-    EXPECT_FALSE(scout.was_sent_below(src_.get()));
-    scout.send(order({}));
-    EXPECT_FALSE(scout.was_sent_below(src_.get()));
+    const ScoutOrder both = order({"a", "b"});
+    ASSERT_TRUE(report_of(scout, both, "b"));
+    EXPECT_FALSE(scout.take(both.src_parent, "a"));
+}
+
+TEST_F(ScoutOrders, WhatWasEndedIsForgotten) {
+    write_pair(root_, "b/file");
+    Scout scout;
+    EXPECT_FALSE(scout.take(-1, "b"));
+    const ScoutOrder both = order({"a", "b"});
+    for (const bool all : {false, true}) {
+        ASSERT_TRUE(report_of(scout, both, "b"));
+        scout.send(both);
+        usleep(10'000);
+        if (all)
+            scout.end_all();
+        else
+            scout.end(both.src_parent);
+        scout.end(both.src_parent);
+        EXPECT_FALSE(scout.take(both.src_parent, "b"));
+    }
+}
+
+TEST_F(ScoutOrders, OrdersForOtherFoldersAreKeptApart) {
+    write_pair(root_, "a/inner/file");
+    write_pair(root_, "inner/file");
+    Scout scout;
+    const ScoutOrder outer = order({"a", "inner"});
+    const UniqueFd src(open((root_ + "/src/a").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd dst(open((root_ + "/dst/a").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const ScoutOrder inner{src.get(), dst.get(), {"another", "inner"}, outer.state};
+    ASSERT_TRUE(report_of(scout, inner, "inner"));
+    scout.send(outer);
+    const auto found = report_of(scout, outer, "inner");
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->src_inode, status_of(root_ + "/src/inner").st_ino);
+    scout.send(inner);
+    scout.send(outer);
+    scout.end(inner.src_parent);
+    EXPECT_FALSE(scout.take(inner.src_parent, "inner"));
+    ASSERT_TRUE(report_of(scout, outer, "inner"));
 }
 
 TEST_F(ScoutOrders, ItEndsWithItsOwnerWhateverItIsDoing) {
     for (int number = 0; number < 300; ++number)
-        write_pair(root_, "a/" + std::to_string(number));
+        write_pair(root_, "b/" + std::to_string(number));
     for (int round = 0; round < 50; ++round) {
         Scout scout;
         scout.send(order({"a", "b"}));
@@ -127,13 +159,36 @@ TEST_F(ScoutOrders, ItEndsWithItsOwnerWhateverItIsDoing) {
 TEST_F(ScoutOrders, ALargeFolderIsLeftToTheWalk) {
     constexpr int kMany = 16'385;
     for (int number = 0; number < kMany; ++number) {
-        const UniqueFd file(open((root_ + "/src/a/" + std::to_string(number)).c_str(), O_WRONLY | O_CREAT, 0644));
+        const UniqueFd file(open((root_ + "/src/b/" + std::to_string(number)).c_str(), O_WRONLY | O_CREAT, 0644));
         ASSERT_TRUE(file);
     }
+    make_folder(root_ + "/src/c");
+    make_folder(root_ + "/dst/c");
     Scout scout;
-    const std::vector<ScoutReport> reports = report_on(scout, order({"a", "b"}));
-    ASSERT_EQ(reports.size(), 1U);
-    EXPECT_EQ(reports[0].name, "b");
+    const ScoutOrder three = order({"a", "c", "b"});
+    ASSERT_TRUE(report_of(scout, three, "c"));
+    EXPECT_FALSE(scout.take(three.src_parent, "b"));
+}
+
+TEST_F(ScoutOrders, ItRestsWhenItRemembersMuch) {
+    constexpr int kMany = 9'000;
+    std::vector<std::string> names = {"a"};
+    for (const char *name : {"x", "y", "z"}) {
+        names.emplace_back(name);
+        make_folder(root_ + "/dst/" + name);
+        make_folder(root_ + "/src/" + name);
+        for (int number = 0; number < kMany; ++number) {
+            const UniqueFd file(
+                open((root_ + "/src/" + name + "/" + std::to_string(number)).c_str(), O_WRONLY | O_CREAT, 0644));
+            ASSERT_TRUE(file);
+        }
+    }
+    Scout scout;
+    const ScoutOrder all = order(names);
+    scout.send(all);
+    usleep(300'000);
+    EXPECT_FALSE(scout.take(all.src_parent, "x"));
+    ASSERT_TRUE(report_of(scout, {all.src_parent, all.dst_parent, {"a", "x"}, all.state}, "x"));
 }
 
 class WithScout : public EngineTest {};
