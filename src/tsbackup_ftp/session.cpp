@@ -55,6 +55,9 @@ void ftp_prepare(CURL *handle, const FtpEndpoint &endpoint, const std::string &r
     curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 0L);
     curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 0L);
     if (endpoint.old_tls) curl_easy_setopt(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_MAX_TLSv1_2));
+    // The library sleeps for that long when a near server's reply to a passive mode was there too soon, a fifth of a
+    // second by default. To another host it is the head start of one kind of address before the other.
+    curl_easy_setopt(handle, CURLOPT_HAPPY_EYEBALLS_TIMEOUT_MS, 1L);
     // Signals are the hang-up handler's.
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, FtpEndpoint::scheme);

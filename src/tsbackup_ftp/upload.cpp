@@ -103,6 +103,13 @@ void _set_utime_to_remote(Upload &upload, const std::string &relative, std::int6
                      curl_easy_strerror(result));
 }
 
+/// Part of a file must not pass for the whole, should the moment at which it broke off happen to be the source's time.
+/// Where the server does not set times, or is gone, nothing can be done.
+void mark_partial(Upload &upload, const std::string &relative) {
+    const bool anything_went_out = upload.progress.now > 0;
+    if (anything_went_out && upload.endpoint.site_utime) _set_utime_to_remote(upload, relative, 0);
+}
+
 /// Opens a regular file; a link is not followed, and nothing is waited for.
 UniqueFile open_regular(const std::string &path, struct stat &status) {
     UniqueFd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -123,6 +130,7 @@ CURLcode _ftp_put_one(Upload &upload, const std::string &relative, const std::st
     const CURLcode result = send_file(upload, relative, file.get(), status);
     if (result != CURLE_OK) {
         report_failed_upload(upload, result);
+        mark_partial(upload, relative);
         // Some servers answer out of step after a failure.
         upload.transfer_handle.reset(curl_easy_init());
         return upload.transfer_handle ? result : CURLE_OUT_OF_MEMORY;
