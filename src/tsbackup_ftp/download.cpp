@@ -218,7 +218,7 @@ std::size_t on_data(const char *data, std::size_t size, std::size_t count, void 
 
 /// A handle that has failed is given up with its connection: some servers answer out of step from then on.
 bool renew(Download &download) {
-    download.handle.reset(curl_easy_init());
+    download.handle = ftp_open();
     return download.handle != nullptr;
 }
 
@@ -232,7 +232,7 @@ void set_up_transfer(Directory &directory, const std::string &relative, const st
 
 CURLcode perform(Directory &directory) {
     directory.failed = 0;
-    const CURLcode result = curl_easy_perform(directory.download.handle.get());
+    const CURLcode result = ftp_perform_once(directory.download.handle.get());
     end_file(directory, result != CURLE_OK);
     if (result != CURLE_OK)
         TSBACKUP_LOG(level::error, "CURL failed. %d :%s\n", static_cast<int>(result), curl_easy_strerror(result));
@@ -334,8 +334,8 @@ void backup_ftp_to_local(const BackupJob &job, BackupRun &run) {
     if (!destination) return;
 
     run.dst_root_len = static_cast<std::int32_t>(destination->size());
-    Download download{ftp_endpoint(job.src_path, job.src_login, job.src_password, job.src_port), run,
-                      UniqueCurl(curl_easy_init()), UniqueCurl(curl_easy_init())};
+    Download download{ftp_endpoint(job.src_path, job.src_login, job.src_password, job.src_port), run, ftp_open(),
+                      ftp_open()};
     if (download.handle && download.stat_handle)
         _ftp_mget_recurse(download, "", *destination);
     else

@@ -4,6 +4,7 @@
 #include "tsbackup_do.h"
 #include "tsbackup_error.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <string_view>
 #include <sys/stat.h>
@@ -20,21 +21,13 @@ constexpr long kResponseSeconds = 30;
 constexpr int kTries = 3;
 constexpr long kServiceClosing = 421;
 
+constexpr int kShortestPause = 1; // milliseconds
+constexpr int kLongestPause = 128;
+
 constexpr std::int32_t kTimeResolution = 100'000; // nanoseconds
 constexpr std::int32_t kCoarseTimes = 1;
 
 std::size_t discard(const char *, std::size_t size, std::size_t count, void *) { return size * count; }
-
-/// When a near server tells at once where it listens for the data, the library forgets to connect there, and sleeps for
-/// up to a second. Pausing and continuing wakes it.
-std::size_t go_on_at_once(const char *line, std::size_t size, std::size_t count, void *handle) {
-    const std::string_view text(line, size * count);
-    if (text.starts_with("229") || text.starts_with("227")) {
-        curl_easy_pause(handle, CURLPAUSE_RECV);
-        curl_easy_pause(handle, CURLPAUSE_CONT);
-    }
-    return text.size();
-}
 
 /// The library's trace without the password: it shows every command as it is sent.
 int trace(CURL *, curl_infotype type, char *data, std::size_t size, void *) {
@@ -52,10 +45,59 @@ int trace(CURL *, curl_infotype type, char *data, std::size_t size, void *) {
     return 0;
 }
 
+CURLM *loop_of(CURL *handle) {
+    char *loop = nullptr;
+    curl_easy_getinfo(handle, CURLINFO_PRIVATE, &loop);
+    return reinterpret_cast<CURLM *>(loop);
+}
+
+/// The result of the only transfer of a loop.
+CURLcode result_of(CURLM *loop) {
+    int left = 0;
+    const CURLMsg *message = curl_multi_info_read(loop, &left);
+    return message != nullptr && message->msg == CURLMSG_DONE ? message->data.result : CURLE_FAILED_INIT;
+}
+
 } // namespace
 
+void CloseFtp::operator()(CURL *handle) const {
+    CURLM *loop = loop_of(handle);
+    curl_easy_cleanup(handle);
+    curl_multi_cleanup(loop);
+}
+
+UniqueCurl ftp_open() {
+    CURLM *loop = curl_multi_init();
+    CURL *handle = loop != nullptr ? curl_easy_init() : nullptr;
+    if (handle == nullptr) {
+        curl_multi_cleanup(loop);
+        return UniqueCurl();
+    }
+    curl_easy_setopt(handle, CURLOPT_PRIVATE, loop);
+    return UniqueCurl(handle);
+}
+
+// The library's own loop sleeps for up to a second at each file while the server has long answered: it watches the data
+// connection alone at times, and nothing at others. This one looks again soon, and less often the longer nothing comes.
+CURLcode ftp_perform_once(CURL *handle) {
+    CURLM *loop = loop_of(handle);
+    if (curl_multi_add_handle(loop, handle) != CURLM_OK) return CURLE_FAILED_INIT;
+    int running = 1;
+    int pause = kShortestPause;
+    while (curl_multi_perform(loop, &running) == CURLM_OK && running != 0) {
+        int ready = 0;
+        if (curl_multi_poll(loop, nullptr, 0, pause, &ready) != CURLM_OK) break;
+        pause = ready != 0 ? kShortestPause : std::min(2 * pause, kLongestPause);
+    }
+    const CURLcode result = result_of(loop);
+    curl_multi_remove_handle(loop, handle);
+    return result;
+}
+
 void ftp_prepare(CURL *handle, const FtpEndpoint &endpoint, const std::string &relative, const std::string &suffix) {
+    CURLM *loop = loop_of(handle);
     curl_easy_reset(handle);
+    curl_easy_setopt(handle, CURLOPT_PRIVATE, loop);
     curl_easy_setopt(handle, CURLOPT_USERNAME, endpoint.login.empty() ? kAnonymous : endpoint.login.c_str());
     curl_easy_setopt(handle, CURLOPT_PASSWORD,
                      endpoint.password.empty() ? kAnonymousPassword : endpoint.password.c_str());
@@ -66,8 +108,6 @@ void ftp_prepare(CURL *handle, const FtpEndpoint &endpoint, const std::string &r
     curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 0L);
     curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 0L);
     if (endpoint.old_tls) curl_easy_setopt(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_MAX_TLSv1_2));
-    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, go_on_at_once);
-    curl_easy_setopt(handle, CURLOPT_HEADERDATA, handle);
     // Signals are the hang-up handler's.
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, FtpEndpoint::scheme);
@@ -82,7 +122,7 @@ void ftp_set_timeouts(CURL *handle) {
 }
 
 CURLcode ftp_perform(CURL *handle, const std::string &path) {
-    CURLcode result = curl_easy_perform(handle);
+    CURLcode result = ftp_perform_once(handle);
     for (int retry = 1; retry < kTries && result == CURLE_OPERATION_TIMEDOUT; ++retry) {
         long response = 0;
         curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &response);
@@ -90,7 +130,7 @@ CURLcode ftp_perform(CURL *handle, const std::string &path) {
         TSBACKUP_LOG(level::info,
                      "%s:%d FTP server timeout reached. Try curl_easy_perform again. rpath = %s, retry = %d\n",
                      __func__, __LINE__, path.c_str(), retry);
-        result = curl_easy_perform(handle);
+        result = ftp_perform_once(handle);
     }
     return result;
 }

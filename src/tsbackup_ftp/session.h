@@ -12,8 +12,15 @@
 
 namespace tsbackup {
 
-using UniqueCurl = std::unique_ptr<CURL, ReleaseWith<curl_easy_cleanup>>;
+/// A handle comes with the loop that drives it, which keeps its connection.
+struct CloseFtp {
+    void operator()(CURL *handle) const;
+};
+using UniqueCurl = std::unique_ptr<CURL, CloseFtp>;
 using UniqueCurlList = std::unique_ptr<curl_slist, ReleaseWith<curl_slist_free_all>>;
+
+/// A handle without a connection. Empty when there is no memory.
+UniqueCurl ftp_open();
 
 /// Forgets what a handle was set to (its connection stays) and sets it up for a request below the endpoint's base: who
 /// logs in, the port, the address, encryption when the server offers it. `suffix` ends the address as it stands.
@@ -21,6 +28,9 @@ void ftp_prepare(CURL *handle, const FtpEndpoint &endpoint, const std::string &r
 
 /// The time-outs of a transfer: a server that sends nothing for half a minute is given up.
 void ftp_set_timeouts(CURL *handle);
+
+/// Performs what a handle was set up for, once.
+CURLcode ftp_perform_once(CURL *handle);
 
 /// Performs a request, and up to twice more when the server had closed the idle connection (28, its last code 421).
 CURLcode ftp_perform(CURL *handle, const std::string &path);

@@ -80,7 +80,7 @@ CURLcode send_file(Upload &upload, const std::string &relative, std::FILE *file,
     curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, on_progress);
     curl_easy_setopt(handle, CURLOPT_XFERINFODATA, &upload);
     curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
-    return curl_easy_perform(handle);
+    return ftp_perform_once(handle);
 }
 
 /// Sets the time of a file on the server. Every reply to a SITE command is an error to the library, a success as well.
@@ -132,7 +132,7 @@ CURLcode _ftp_put_one(Upload &upload, const std::string &relative, const std::st
         report_failed_upload(upload, result);
         mark_partial(upload, relative);
         // Some servers answer out of step after a failure.
-        upload.transfer_handle.reset(curl_easy_init());
+        upload.transfer_handle = ftp_open();
         return upload.transfer_handle ? result : CURLE_OUT_OF_MEMORY;
     }
     if (upload.endpoint.site_utime) _set_utime_to_remote(upload, relative, status.st_mtim.tv_sec);
@@ -281,11 +281,8 @@ void backup_local_to_ftp(const BackupJob &job, BackupRun &run) {
     }
 
     run.src_root_len = static_cast<std::int32_t>(source->size());
-    Upload upload{ftp_endpoint(job.dst_path, job.dst_login, job.dst_password, job.dst_port),
-                  run,
-                  UniqueCurl(curl_easy_init()),
-                  UniqueCurl(curl_easy_init()),
-                  {}};
+    Upload upload{
+        ftp_endpoint(job.dst_path, job.dst_login, job.dst_password, job.dst_port), run, ftp_open(), ftp_open(), {}};
     if (upload.command_handle && upload.transfer_handle) {
         upload.endpoint.site_utime = _check_site_command(upload.command_handle.get(), upload.endpoint);
         // Kept as it is: nothing is ever deleted on the server, whatever the job asks for.

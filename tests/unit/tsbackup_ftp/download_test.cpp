@@ -35,7 +35,7 @@ std::string folder_line(const std::string &name) { return ftp_listing_line('d', 
 
 /// A download from a loopback port, and the run it belongs to.
 struct Downloading {
-    explicit Downloading(int port) : download{{}, run, UniqueCurl(curl_easy_init()), UniqueCurl(curl_easy_init())} {
+    explicit Downloading(int port) : download{{}, run, ftp_open(), ftp_open()} {
         run.clock_failed = 1; // no status file
         download.endpoint.host = "127.0.0.1";
         download.endpoint.port = port;

@@ -31,7 +31,7 @@ FtpEndpoint end_at(int port, const std::string &path = "") {
     return endpoint;
 }
 
-UniqueCurl handle() { return UniqueCurl(curl_easy_init()); }
+UniqueCurl handle() { return ftp_open(); }
 
 /// How often a message stands in the diagnostics.
 std::size_t count(const std::string &text, const std::string &part) {

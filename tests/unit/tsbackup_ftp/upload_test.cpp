@@ -36,8 +36,7 @@ std::string number_and_text(CURLcode result, const char *between) {
 
 /// An upload to a loopback port, and the run it belongs to.
 struct Uploading {
-    explicit Uploading(int port, const std::string &base = "base")
-        : upload{{}, run, UniqueCurl(curl_easy_init()), UniqueCurl(curl_easy_init()), {}} {
+    explicit Uploading(int port, const std::string &base = "base") : upload{{}, run, ftp_open(), ftp_open(), {}} {
         run.clock_failed = 1; // no status file
         upload.endpoint.host = "127.0.0.1";
         upload.endpoint.port = port;
