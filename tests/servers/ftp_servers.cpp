@@ -37,7 +37,7 @@ void make_certificate() {
 std::string yes_or_no(bool value) { return value ? "YES" : "NO"; }
 std::string on_or_off(bool value) { return value ? "on" : "off"; }
 
-std::vector<std::string> vsftpd(bool tls) {
+std::vector<std::string> vsftpd(const FtpServerOptions &options) {
     write_file(kFolder + "/vsftpd.conf",
                "listen=YES\nlisten_ipv6=NO\nlisten_address=127.0.0.1\nlisten_port=" + std::to_string(FtpServer::kPort) +
                    "\nbackground=NO\nanonymous_enable=NO\nlocal_enable=YES\nwrite_enable=YES\nlocal_umask=022\n"
@@ -47,12 +47,15 @@ std::vector<std::string> vsftpd(bool tls) {
                    "/log\nisolate=NO\nisolate_network=NO\nmax_per_ip=0\npasv_address=127.0.0.1\nforce_dot_files="
                    "YES\nrequire_ssl_reuse=NO\n"
                    "force_local_data_ssl=NO\nforce_local_logins_ssl=NO\nssl_enable=" +
-                   yes_or_no(tls) + "\nrsa_cert_file=" + kFolder + "/cert.pem\nrsa_private_key_file=" + kFolder +
-                   "/key.pem\n");
+                   yes_or_no(options.tls) + "\nlocal_max_rate=" + std::to_string(options.kibibytes_per_second * 1024) +
+                   "\nrsa_cert_file=" + kFolder + "/cert.pem\nrsa_private_key_file=" + kFolder + "/key.pem\n");
     return {kUnpacked + "/vsftpd/usr/sbin/vsftpd", kFolder + "/vsftpd.conf"};
 }
 
-std::vector<std::string> proftpd(bool tls, bool newest_tls) {
+std::vector<std::string> proftpd(const FtpServerOptions &options) {
+    const std::string rate = options.kibibytes_per_second > 0
+                                 ? "TransferRate APPE,RETR,STOR " + std::to_string(options.kibibytes_per_second) + "\n"
+                                 : "";
     write_file(kFolder + "/proftpd.conf",
                "ServerName x\nServerType standalone\nDefaultServer on\nSocketBindTight on\n"
                "DefaultAddress 127.0.0.1\nPort " +
@@ -64,38 +67,43 @@ std::vector<std::string> proftpd(bool tls, bool newest_tls) {
                    "DefaultRoot ~\nRequireValidShell off\nAuthPAM off\nAuthOrder mod_auth_unix.c\n"
                    "PassivePorts 30000 30100\nAllowOverwrite on\nUmask 022\nListOptions -a\n"
                    "<Directory />\n  AllowOverwrite on\n</Directory>\nTLSEngine " +
-                   on_or_off(tls) + "\nTLSLog " + kFolder + "/log\nTLSRSACertificateFile " + kFolder +
+                   on_or_off(options.tls) + "\nTLSLog " + kFolder + "/log\nTLSRSACertificateFile " + kFolder +
                    "/cert.pem\nTLSRSACertificateKeyFile " + kFolder +
                    "/key.pem\nTLSRequired off\nTLSOptions NoSessionReuseRequired\n" +
-                   (newest_tls ? "TLSProtocol TLSv1.3\n" : ""));
+                   (options.newest_tls ? "TLSProtocol TLSv1.3\n" : "") + rate);
     return {kUnpacked + "/proftpd-core/usr/sbin/proftpd", "-n", "-q", "-c", kFolder + "/proftpd.conf"};
 }
 
-std::vector<std::string> pureftpd(bool tls) {
-    return {kUnpacked + "/pure-ftpd/usr/sbin/pure-ftpd",
-            "-S",
-            "127.0.0.1," + std::to_string(FtpServer::kPort),
-            "-l",
-            "unix",
-            "-A",
-            "-E",
-            "-H",
-            "-j",
-            "-D",
-            "-L",
-            "100000:100",
-            "-p",
-            "31000:31100",
-            "-g",
-            kFolder + "/pureftpd.pid",
-            "-f",
-            "none",
-            "-U",
-            "133:022",
-            "-Y",
-            tls ? "1" : "0",
-            "-2",
-            kCertificate};
+std::vector<std::string> pureftpd(const FtpServerOptions &options) {
+    std::vector<std::string> words = {kUnpacked + "/pure-ftpd/usr/sbin/pure-ftpd",
+                                      "-S",
+                                      "127.0.0.1," + std::to_string(FtpServer::kPort),
+                                      "-l",
+                                      "unix",
+                                      "-A",
+                                      "-E",
+                                      "-H",
+                                      "-j",
+                                      "-D",
+                                      "-L",
+                                      "100000:100",
+                                      "-p",
+                                      "31000:31100",
+                                      "-g",
+                                      kFolder + "/pureftpd.pid",
+                                      "-f",
+                                      "none",
+                                      "-U",
+                                      "133:022",
+                                      "-Y",
+                                      options.tls ? "1" : "0",
+                                      "-2",
+                                      kCertificate};
+    if (options.kibibytes_per_second > 0) {
+        const std::string rate = std::to_string(options.kibibytes_per_second);
+        words.insert(words.end(), {"-T", rate + ":" + rate});
+    }
+    return words;
 }
 
 std::vector<std::string> command(const FtpServerOptions &options) {
@@ -112,13 +120,13 @@ std::vector<std::string> command(const FtpServerOptions &options) {
     std::vector<std::string> server;
     switch (options.kind) {
     case FtpKind::vsftpd:
-        server = vsftpd(options.tls);
+        server = vsftpd(options);
         break;
     case FtpKind::proftpd:
-        server = proftpd(options.tls, options.newest_tls);
+        server = proftpd(options);
         break;
     case FtpKind::pureftpd:
-        server = pureftpd(options.tls);
+        server = pureftpd(options);
         break;
     }
     // The first process of the server's namespace inherits children that are none of its own, at which vsftpd stops.

@@ -14,7 +14,8 @@ enum class FtpKind { vsftpd, proftpd, pureftpd };
 struct FtpServerOptions {
     FtpKind kind = FtpKind::vsftpd;
     bool tls = false;
-    bool newest_tls = false; ///< no TLS but 1.3 (ProFTPD)
+    bool newest_tls = false;      ///< no TLS but 1.3 (ProFTPD)
+    int kibibytes_per_second = 0; ///< of each transfer; 0: as fast as it goes
 };
 std::ostream &operator<<(std::ostream &stream, const FtpServerOptions &options);
 

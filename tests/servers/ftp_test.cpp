@@ -1,20 +1,12 @@
 // Jobs against three real FTP servers, plain and with TLS, and against one that lies.
 
-#include "aftermath.h"
-#include "ftp_servers.h"
-#include "job_runs.h"
+#include "ftp_jobs.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
-#include <array>
 #include <atomic>
 #include <csignal>
-#include <fcntl.h>
-#include <filesystem>
 #include <gmock/gmock.h>
 #include <netinet/in.h>
-#include <regex>
-#include <sstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,105 +19,9 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-constexpr int kJob = 7;
 constexpr int kLinePort = 2120;
-constexpr std::size_t kMebibyte = 1 << 20;
-constexpr time_t kSomeTime = 1'500'000'000;
-const std::string kHome = FtpServer::kHome;
-const std::string kBackup = "/vault/Backup/copy";
-const std::string kPictures = "/data/Pictures";
-const CompareOptions kNamesAndContents = {.owners = false, .modes = false, .access_lists = false, .file_times = false};
-const CompareOptions kNamesContentsTimes = {.owners = false, .modes = false, .access_lists = false};
 
-/// Servers keep whole seconds, and no time of an empty file is taken over.
-void settle(const std::string &folder) {
-    for (const auto &entry : std::filesystem::recursive_directory_iterator(folder)) {
-        if (!entry.is_regular_file()) continue;
-        struct stat status {};
-        ASSERT_EQ(stat(entry.path().c_str(), &status), 0);
-        if (status.st_size == 0) write_file(entry.path(), "no more empty");
-        const timespec time{kSomeTime + status.st_mtim.tv_sec % 1'000'000, 0};
-        const std::array<timespec, 2> times = {time, time};
-        ASSERT_EQ(utimensat(AT_FDCWD, entry.path().c_str(), times.data(), 0), 0);
-    }
-}
-
-void set_time(const std::string &path, time_t seconds) {
-    const std::array<timespec, 2> times = {timespec{seconds, 0}, timespec{seconds, 0}};
-    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times.data(), 0), 0);
-}
-
-Settings options(const std::string &frequency = "NEVER") {
-    return {{"name", "FTP"}, {"opt_max_log_lines", "100000"}, {"opt_full_backup_freq", frequency}};
-}
-
-Settings download(const std::string &path = "", int port = FtpServer::kPort,
-                  const std::string &password = FtpServer::kPassword) {
-    return options() +
-           Settings{
-               {"src_type", "remote"},          {"src_share_proto", "ftp"}, {"src_path", "ftp://127.0.0.1/" + path},
-               {"src_login", FtpServer::kUser}, {"src_password", password}, {"src_port", std::to_string(port)}} +
-           destination_share("vault", "Backup", "copy");
-}
-
-Settings upload(const std::string &path = "up", int port = FtpServer::kPort,
-                const std::string &password = FtpServer::kPassword) {
-    return options() + source_share("data", "Pictures") +
-           Settings{{"dst_type", "remote"},          {"dst_share_proto", "ftp"}, {"dst_path", "127.0.0.1/" + path},
-                    {"dst_login", FtpServer::kUser}, {"dst_password", password}, {"dst_port", std::to_string(port)}};
-}
-
-Outcome run_job(const Settings &settings) {
-    JobFile().job(kJob, settings).write();
-    return run_program({"-v", "7", "-e", std::to_string(kJob)});
-}
-
-std::string error_log() { return file_exists(error_log_path(kJob)) ? read_file(error_log_path(kJob)) : ""; }
-
-/// The lines of the copy log, sorted: a directory's entries come in no order.
-std::vector<std::string> copied() {
-    std::istringstream log(read_file(kept_copy_log_path(kJob)));
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(log, line);)
-        lines.push_back(line);
-    std::sort(lines.begin(), lines.end());
-    return lines;
-}
-
-std::vector<std::string> sorted(std::vector<std::string> lines) {
-    std::sort(lines.begin(), lines.end());
-    return lines;
-}
-
-#define REQUIRE_FTP_SERVERS()                                                                                          \
-    REQUIRE_VOLUMES();                                                                                                 \
-    if (!ftp_servers_are_there()) GTEST_SKIP() << "the FTP servers were not fetched (scripts/fetch-ftp-servers)"
-
-void reset_ends() {
-    reset_appliance();
-    remove_tree(kHome);
-    make_folder(kHome);
-    remove_tree(kPictures);
-    make_share("data", "Pictures");
-}
-
-class Ftp : public testing::TestWithParam<FtpServerOptions> {
-  protected:
-    void SetUp() override {
-        REQUIRE_FTP_SERVERS();
-        reset_ends();
-    }
-    void TearDown() override {
-        if (!volumes()) return;
-        EXPECT_THAT(snapshots(), IsEmpty());
-        // The password is the server's and the job file's.
-        const Outcome found = run_program({"-rlF", FtpServer::kPassword, "/var/log", "/var/run/zelkovad", kWorkFolder},
-                                          {.environment = {}, .preload = {}, .program = "/usr/bin/grep"});
-        EXPECT_EQ(found.out, "");
-    }
-
-    static bool sets_times() { return GetParam().kind != FtpKind::vsftpd; }
-};
+class Ftp : public FtpJobs {};
 
 class FtpNewestTls : public testing::Test {
   protected:
@@ -138,23 +34,17 @@ class FtpNewestTls : public testing::Test {
 /// Where the server's kind alone matters.
 class FtpPlain : public Ftp {};
 
-std::string name_of(const testing::TestParamInfo<FtpServerOptions> &server) {
-    std::ostringstream name;
-    name << server.param;
-    return name.str();
-}
-
 INSTANTIATE_TEST_SUITE_P(Servers, FtpPlain,
                          testing::Values(FtpServerOptions{FtpKind::vsftpd, false},
                                          FtpServerOptions{FtpKind::proftpd, false},
                                          FtpServerOptions{FtpKind::pureftpd, false}),
-                         name_of);
+                         ftp_server_name);
 INSTANTIATE_TEST_SUITE_P(
     Servers, Ftp,
     testing::Values(FtpServerOptions{FtpKind::vsftpd, false}, FtpServerOptions{FtpKind::proftpd, false},
                     FtpServerOptions{FtpKind::pureftpd, false}, FtpServerOptions{FtpKind::vsftpd, true},
                     FtpServerOptions{FtpKind::proftpd, true}, FtpServerOptions{FtpKind::pureftpd, true}),
-    name_of);
+    ftp_server_name);
 
 // ---- both directions -------------------------------------------------------------------------------------------
 
@@ -402,7 +292,7 @@ TEST_F(FtpWithoutServer, ARefusedConnectionIsTold) {
 }
 
 TEST_F(FtpWithoutServer, AMissingSourceIsTold) {
-    run_job(options() + source_share("data", "Pictures", "nowhere") +
+    run_job(ftp_options() + source_share("data", "Pictures", "nowhere") +
             Settings{{"dst_type", "remote"}, {"dst_share_proto", "ftp"}, {"dst_path", "127.0.0.1"}});
     EXPECT_EQ(last_result(kJob), 5);
     EXPECT_THAT(error_log(), HasSubstr("/Pictures/nowhere does not exist!\n"));
