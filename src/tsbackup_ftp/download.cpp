@@ -24,6 +24,8 @@ namespace tsbackup {
 
 namespace {
 
+constexpr std::size_t kEntriesOfAHandle = 5'000;
+
 constexpr mode_t kFolderMode = 0777;
 constexpr mode_t kFileMode = 0666;
 
@@ -174,6 +176,7 @@ long begin_entry(const curl_fileinfo &entry, Directory &directory) {
     if (is_this_or_parent(name)) return CURL_CHUNK_BGN_FUNC_SKIP;
     if (directory.done.contains(name)) return CURL_CHUNK_BGN_FUNC_SKIP;
     directory.done.insert(name);
+    ++directory.download.listed;
 
     switch (entry.filetype) {
     case CURLFILETYPE_FILE:
@@ -219,8 +222,12 @@ std::size_t on_data(const char *data, std::size_t size, std::size_t count, void 
 /// A handle that has failed is given up with its connection: some servers answer out of step from then on.
 bool renew(Download &download) {
     download.handle = ftp_open();
+    download.listed = 0;
     return download.handle != nullptr;
 }
+
+/// The library remembers something of every entry of a listing for as long as its handle lives.
+bool renew_in_time(Download &download) { return download.listed < kEntriesOfAHandle || renew(download); }
 
 void set_up_transfer(Directory &directory, const std::string &relative, const std::string &suffix) {
     CURL *handle = directory.download.handle.get();
@@ -319,6 +326,7 @@ CURLcode _ftp_mget_recurse(Download &download, const std::string &relative, cons
     backup_progress_record(&download.run, 0);
 
     for (const std::string &name : folders) {
+        if (!renew_in_time(download)) return CURLE_OUT_OF_MEMORY;
         result = _ftp_mget_recurse(download, ftp_below(relative, name), ftp_below(local_dir, name));
         if (!download.handle) return result;
         if (result == CURLE_LOGIN_DENIED) {

@@ -21,8 +21,7 @@ constexpr long kResponseSeconds = 30;
 constexpr int kTries = 3;
 constexpr long kServiceClosing = 421;
 
-constexpr int kShortestPause = 1; // milliseconds
-constexpr int kLongestPause = 128;
+constexpr int kLongestPause = 128; // milliseconds
 
 constexpr std::int32_t kTimeResolution = 100'000; // nanoseconds
 constexpr std::int32_t kCoarseTimes = 1;
@@ -78,16 +77,17 @@ UniqueCurl ftp_open() {
 }
 
 // The library's own loop sleeps for up to a second at each file while the server has long answered: it watches the data
-// connection alone at times, and nothing at others. This one looks again soon, and less often the longer nothing comes.
+// connection alone at times, and nothing at others. This one looks again at once, and less often the longer nothing
+// comes.
 CURLcode ftp_perform_once(CURL *handle) {
     CURLM *loop = loop_of(handle);
     if (curl_multi_add_handle(loop, handle) != CURLM_OK) return CURLE_FAILED_INIT;
     int running = 1;
-    int pause = kShortestPause;
+    int pause = 0;
     while (curl_multi_perform(loop, &running) == CURLM_OK && running != 0) {
         int ready = 0;
         if (curl_multi_poll(loop, nullptr, 0, pause, &ready) != CURLM_OK) break;
-        pause = ready != 0 ? kShortestPause : std::min(2 * pause, kLongestPause);
+        pause = ready != 0 ? 0 : std::clamp(2 * pause, 1, kLongestPause);
     }
     const CURLcode result = result_of(loop);
     curl_multi_remove_handle(loop, handle);
