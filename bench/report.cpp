@@ -30,7 +30,15 @@ const char *metric_name(Metric metric) {
 
 const char *verdict(const Figure &figure) {
     if (!figure.met()) return "MISSED";
-    return figure.aim_met() ? "aim reached" : "ok";
+    if (figure.aim_met()) return "aim reached";
+    return figure.required.must > 0 ? "ok" : "";
+}
+
+/// A limit, or what stands for none.
+std::string limit_text(double limit, const char *none) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%.2f", limit);
+    return limit > 0 ? text : none;
 }
 
 } // namespace
@@ -71,9 +79,10 @@ void print_table(const std::vector<Figure> &figures) {
             std::snprintf(range, sizeof range, "%.2f-%.2f", figure.lowest, figure.highest);
         if (figure.required.metric == Metric::wall)
             std::snprintf(with_sync, sizeof with_sync, "%.2f", figure.ratio_with_sync);
-        std::printf("%-11s %-7s %-10s %8.2f %8.2f %7.2f %14s %10s %6.2f %6.2f  %s\n", figure.name.c_str(),
+        std::printf("%-11s %-7s %-10s %8.2f %8.2f %7.2f %14s %10s %6s %6s  %s\n", figure.name.c_str(),
                     metric_name(figure.required.metric), figure.against.c_str(), figure.ours, figure.other,
-                    figure.ratio, range, with_sync, figure.required.must, figure.required.aim, verdict(figure));
+                    figure.ratio, range, with_sync, limit_text(figure.required.must, "-").c_str(),
+                    limit_text(figure.required.aim, "-").c_str(), verdict(figure));
     }
 }
 
@@ -87,11 +96,12 @@ bool write_json(const std::string &path, const std::vector<Figure> &figures) {
     const char *separator = "\n";
     for (const Figure &figure : figures) {
         std::fprintf(file.get(),
-                     "%s  {\"case\": \"%s\", \"metric\": \"%s\", \"against\": \"%s\", \"ratio\": %.3f, \"must\": %.2f, "
-                     "\"aim\": %.2f, \"met\": %s, \"lowest\": %.3f, \"highest\": %.3f, \"ours\": %.4f, \"other\": %.4f",
+                     "%s  {\"case\": \"%s\", \"metric\": \"%s\", \"against\": \"%s\", \"ratio\": %.3f, \"must\": %s, "
+                     "\"aim\": %s, \"met\": %s, \"lowest\": %.3f, \"highest\": %.3f, \"ours\": %.4f, \"other\": %.4f",
                      separator, figure.name.c_str(), metric_name(figure.required.metric), figure.against.c_str(),
-                     figure.ratio, figure.required.must, figure.required.aim, figure.met() ? "true" : "false",
-                     figure.lowest, figure.highest, figure.ours, figure.other);
+                     figure.ratio, limit_text(figure.required.must, "null").c_str(),
+                     limit_text(figure.required.aim, "null").c_str(), figure.met() ? "true" : "false", figure.lowest,
+                     figure.highest, figure.ours, figure.other);
         if (figure.required.metric == Metric::wall)
             std::fprintf(file.get(), ", \"ratio_with_sync\": %.3f", figure.ratio_with_sync);
         std::fprintf(file.get(), "}");

@@ -23,7 +23,7 @@ struct Round {
 
 enum class Metric { cpu, wall, memory };
 
-/// One figure that is required of the engine. For memory the limits are upper ones, else lower ones.
+/// One figure and what is required of it. For memory the limits are upper ones, else lower ones; 0: there is none.
 struct Requirement {
     Metric metric = Metric::cpu;
     double must = 0;
@@ -41,8 +41,11 @@ struct Figure {
     double other = 0;           ///< median cost in seconds (memory: MiB)
     double ratio_with_sync = 0; ///< wall time alone: the same when the time of the sync counts too
 
-    bool met() const { return required.metric == Metric::memory ? ratio <= required.must : ratio >= required.must; }
-    bool aim_met() const { return required.metric == Metric::memory ? ratio <= required.aim : ratio >= required.aim; }
+    bool met() const { return reaches(required.must); }
+    bool aim_met() const { return required.aim > 0 && reaches(required.aim); }
+    bool reaches(double limit) const {
+        return limit <= 0 || (required.metric == Metric::memory ? ratio <= limit : ratio >= limit);
+    }
 };
 
 /// The figure of a case's rounds for a ratio metric.
