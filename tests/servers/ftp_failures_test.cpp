@@ -56,6 +56,7 @@ std::vector<pid_t> processes() {
     std::vector<pid_t> ids;
     for (const std::string &name : list_folder("/proc"))
         if (name.find_first_not_of("0123456789") == std::string::npos) ids.push_back(std::stoi(name));
+    std::sort(ids.begin(), ids.end());
     return ids;
 }
 
@@ -94,7 +95,7 @@ class Transfer : public Program {
     void kill_session() const {
         if (const pid_t process = session(); process > 0) kill(process, SIGKILL);
     }
-    /// Ends the server as when its machine is gone: nobody answers any more when the connection of the file breaks.
+    /// Ends the server, the file's session last: nobody answers any more when its connection breaks.
     void end_server(FtpServer &server) const {
         stop_session();
         for (const pid_t process : server_processes())
@@ -152,6 +153,12 @@ void expect_part_of_big(const std::string &path) {
     EXPECT_NE(time_of(path), time_of(kPictures + "/big"));
 }
 
+/// It has even a time that no file of people's has, whenever theirs was saved.
+void expect_marked_part_of_big(const std::string &path) {
+    expect_part_of_big(path);
+    EXPECT_EQ(time_of(path), 0);
+}
+
 /// Runs against a healthy server: a download fetches what is missing and nothing else.
 void expect_download_converges(const FtpServerOptions &options, const std::vector<std::string> &missing) {
     const FtpServer server(options);
@@ -194,7 +201,7 @@ TEST_P(FtpFailures, ASessionThatIsKilledCostsADownloadOneFile) {
     EXPECT_EQ(last_result(kJob), 0);
     EXPECT_EQ(error_log(), "Failed to copy big\n");
     EXPECT_EQ(copied(), sorted({"Copy (D) z", "Copy (F) a", "Copy (F) c", "Copy (F) z/below"}));
-    expect_part_of_big(kBackup + "/big");
+    expect_marked_part_of_big(kBackup + "/big");
     expect_download_converges(GetParam(), {"Copy (F) big"});
 }
 
@@ -212,8 +219,12 @@ TEST_P(FtpFailures, ASessionThatIsKilledCostsAnUploadOneFile) {
     EXPECT_EQ(error_log(), "");
     EXPECT_EQ(copied(), sorted({"Copy (D) ", "Copy (D) z", "Copy (F) a", "Copy (F) c", "Copy (F) z/below"}));
     expect_part_of_big(kHome + "/up/big");
+    if (sets_times()) expect_marked_part_of_big(kHome + "/up/big");
     expect_upload_converges(GetParam());
 }
+
+/// Whether the sessions of a server hold its port, too: then the last one may take a connection along when it dies.
+bool sessions_have_the_port(const FtpServerOptions &options) { return options.kind == FtpKind::pureftpd; }
 
 TEST_P(FtpFailures, AServerThatDiesEndsADownload) {
     make_files(kHome, {"a", "c"});
@@ -221,13 +232,15 @@ TEST_P(FtpFailures, AServerThatDiesEndsADownload) {
         FtpServer server(slow(GetParam()));
         Transfer job = started_download();
         job.end_server(server);
-        const Outcome outcome = job.wait();
-        EXPECT_THAT(outcome.err, HasSubstr("curl_easy_perform() return 7"));
+        job.wait();
     }
-    EXPECT_EQ(last_result(kJob), 10);
-    EXPECT_EQ(error_log(), "Failed to copy big\n"
-                           "Cannot connect to server or connection timeout! Couldn't connect to server\n");
-    expect_part_of_big(kBackup + "/big");
+    if (!sessions_have_the_port(GetParam())) {
+        EXPECT_EQ(last_result(kJob), 10);
+        EXPECT_EQ(error_log(), "Failed to copy big\n"
+                               "Cannot connect to server or connection timeout! Couldn't connect to server\n");
+    }
+    EXPECT_THAT(error_log(), testing::StartsWith("Failed to copy big\n"));
+    expect_marked_part_of_big(kBackup + "/big");
     const bool has_c = file_exists(kBackup + "/c");
     expect_download_converges(GetParam(), has_c ? std::vector<std::string>{"Copy (F) big"}
                                                 : std::vector<std::string>{"Copy (F) big", "Copy (F) c"});
@@ -242,7 +255,10 @@ TEST_P(FtpFailures, AServerThatDiesEndsAnUpload) {
         job.wait();
     }
     EXPECT_EQ(last_result(kJob), 6);
-    EXPECT_EQ(error_log(), "Failed to run CWD command! Couldn't connect to server\n");
+    if (!sessions_have_the_port(GetParam())) {
+        EXPECT_EQ(error_log(), "Failed to run CWD command! Couldn't connect to server\n");
+    }
+    EXPECT_THAT(error_log(), testing::StartsWith("Failed to run CWD command! "));
     EXPECT_THAT(copied(), Not(Contains("Copy (F) big")));
     expect_part_of_big(kHome + "/up/big");
     expect_upload_converges(GetParam());
@@ -263,7 +279,7 @@ TEST_P(FtpFailures, ASilentSessionTimesOutInADownload) {
     EXPECT_EQ(last_result(kJob), 10);
     EXPECT_EQ(error_log(), "Failed to copy big\n"
                            "Cannot connect to server or connection timeout! Timeout was reached\n");
-    expect_part_of_big(kBackup + "/big");
+    expect_marked_part_of_big(kBackup + "/big");
     const bool has_a = file_exists(kBackup + "/a");
     expect_download_converges(GetParam(), has_a ? std::vector<std::string>{"Copy (F) big"}
                                                 : std::vector<std::string>{"Copy (F) a", "Copy (F) big"});
@@ -284,6 +300,7 @@ TEST_P(FtpFailures, ASilentSessionTimesOutInAnUploadAndTheRestArrives) {
     EXPECT_EQ(error_log(), "");
     EXPECT_EQ(copied(), sorted({"Copy (D) ", "Copy (D) z", "Copy (F) a", "Copy (F) c", "Copy (F) z/below"}));
     expect_part_of_big(kHome + "/up/big");
+    if (sets_times()) expect_marked_part_of_big(kHome + "/up/big");
     expect_upload_converges(GetParam());
 }
 
@@ -364,6 +381,7 @@ TEST_P(FtpFailures, AFullDiskAtTheServerIsToldAndEveryFileIsTried) {
     EXPECT_THAT(copied(), Not(Contains("Copy (F) big")));
     EXPECT_TRUE(file_exists(kHome + "/up/folder"));
     expect_part_of_big(kHome + "/up/big");
+    if (sets_times()) expect_marked_part_of_big(kHome + "/up/big");
 
     disk.make_room();
     run_job(upload());
@@ -388,11 +406,13 @@ TEST_P(FtpFailures, AFullDiskHereIsToldForEveryFileThatFindsNoRoom) {
         EXPECT_NE(told, here) << name;
         if (told) {
             EXPECT_NE(time_of(kBackup + "/" + name), time_of(kHome + "/" + name)) << name;
+        } else {
+            EXPECT_EQ(read_file(kBackup + "/" + name), read_file(kHome + "/" + name)) << name;
         }
     }
     EXPECT_THAT(arrived, Contains("Copy (F) empty"));
     EXPECT_THAT(arrived, Contains("Copy (D) folder"));
-    expect_part_of_big(kBackup + "/big");
+    expect_marked_part_of_big(kBackup + "/big");
 
     disk.make_room();
     run_job(download());
@@ -536,36 +556,33 @@ void make_many(const std::string &folder, int files) {
     settle(folder);
 }
 
+/// The copy log when all of them were copied and these lines stand there, too.
+std::vector<std::string> copies_of_many(std::vector<std::string> lines) {
+    for (int number = 0; number < kManyFiles; ++number)
+        lines.push_back("Copy (F) many/" + std::to_string(number));
+    return sorted(lines);
+}
+
 TEST_P(FtpMany, TenThousandFilesOfOneDirectoryAreFetchedOnce) {
     make_many(kHome + "/many", kManyFiles);
     const FtpServer server(GetParam());
     run_job(download());
     EXPECT_EQ(last_result(kJob), 0);
     EXPECT_EQ(error_log(), "");
-    std::vector<std::string> all = {"Copy (D) many"};
-    for (int number = 0; number < kManyFiles; ++number)
-        all.push_back("Copy (F) many/" + std::to_string(number));
-    EXPECT_EQ(copied(), sorted(all));
+    EXPECT_EQ(copied(), copies_of_many({"Copy (D) many"}));
     EXPECT_TRUE(same_trees(kHome, kBackup, kNamesContentsTimes));
     run_job(download());
     EXPECT_EQ(last_result(kJob), 0);
     EXPECT_THAT(copied(), IsEmpty());
 }
 
-TEST_P(FtpMany, OfTenThousandFilesOfOneDirectoryTheMissingOnesAreSent) {
+TEST_P(FtpMany, TenThousandFilesOfOneDirectoryAreSentOnce) {
     make_many(kPictures + "/many", kManyFiles);
-    make_folder(kHome + "/up");
-    ASSERT_EQ(shell_output("cp -a " + kPictures + "/many " + kHome + "/up/"), "");
-    std::vector<std::string> missing;
-    for (int number = 0; number < kManyFiles; number += kManyFiles / 5) {
-        remove_tree(kHome + "/up/many/" + std::to_string(number));
-        missing.push_back("Copy (F) many/" + std::to_string(number));
-    }
     const FtpServer server(GetParam());
     run_job(upload());
     EXPECT_EQ(last_result(kJob), 0);
     EXPECT_EQ(error_log(), "");
-    EXPECT_EQ(copied(), sorted(missing));
+    EXPECT_EQ(copied(), copies_of_many({"Copy (D) ", "Copy (D) many"}));
     EXPECT_TRUE(same_trees(kPictures, kHome + "/up", kNamesContentsTimes));
     run_job(upload());
     EXPECT_EQ(last_result(kJob), 0);
