@@ -285,7 +285,7 @@ CURLcode fetch_listed(Directory &directory) {
     CURLcode result = list_and_fetch(directory);
     if (!report_failure(download, result) || result == CURLE_OK) return result;
     if (!renew(download)) return CURLE_OUT_OF_MEMORY;
-    if (directory.failed == 0 || is_without_server(result)) return result;
+    if (directory.failed == 0 || result == CURLE_COULDNT_CONNECT) return result;
 
     directory.one_by_one = true;
     result = list_and_fetch(directory);
