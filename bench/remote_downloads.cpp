@@ -13,7 +13,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <functional>
 #include <netinet/in.h>
 #include <random>
 #include <string>
