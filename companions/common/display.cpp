@@ -1,7 +1,6 @@
 #include "display.h"
 
 #include <clocale>
-#include <cstdint>
 #include <cwchar>
 
 namespace tsbackup {
@@ -16,8 +15,7 @@ struct Character {
 };
 
 /// Characters without a look of their own that reorder or hide their neighbours.
-bool is_invisible_control(wchar_t letter) {
-    const auto code = static_cast<std::uint32_t>(letter);
+bool is_invisible_control(wchar_t code) {
     return code == 0xad || code == 0x61c || (code >= 0x200b && code <= 0x200f) || (code >= 0x2028 && code <= 0x202e) ||
            (code >= 0x2060 && code <= 0x206f) || code == 0xfeff || (code >= 0xfff9 && code <= 0xfffb) ||
            (code >= 0xe0000 && code <= 0xe0fff);
